@@ -1,0 +1,117 @@
+// KPISerializer: turns closed KPI windows into cache files and hands every
+// finished file to its collector for delivery.
+//
+// Owned by one zem_collector. Write() is called by any thread that closes a
+// window: it serializes the record on the caller's thread and queues the
+// bytes. One writer thread ("zem_writer") appends queued records to the
+// current "kpidata.<seconds>" file in the cache directory; once the file has
+// grown past the size threshold it is closed, passed to
+// zem_collector::SendData, and the next file is created. The writer runs from
+// Initialize() (campaign start) until Finalize() or stopWriterThread().
+//
+// Locks: queueMutex guards the queue, the stop flag and the current file
+// name, and is held only to push or pop records. File I/O and SendData run
+// without it, so a producer never waits for the disk or the transport.
+//
+// A cache file is the plain concatenation of serialized olvan::KPIData
+// messages and parses as one KPIData holding every window. Each file the
+// serializer creates gets one record holding only version = V1.
+#pragma once
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "metric.pb.h"
+
+class zem_collector;
+
+class KPISerializer {
+public:
+    // Creates no file and no thread. `collector` may be null: files are then
+    // closed and left in `cacheDir`.
+    KPISerializer(const std::string& cacheDir, zem_collector* collector);
+    ~KPISerializer();
+
+    KPISerializer(const KPISerializer&) = delete;
+    KPISerializer& operator=(const KPISerializer&) = delete;
+
+    // Arms the serializer for a campaign: stores the thresholds, reopens the
+    // newest leftover cache file for append (or creates a new one), and starts
+    // the writer thread. Returns 0, or -1 when the cache directory cannot be
+    // read or the newest leftover file cannot be opened. Called again while
+    // the writer runs (a campaign merged into a running one), it only takes
+    // the new thresholds.
+    int Initialize(unsigned int size_threshold, unsigned int time_threshold);
+
+    // Serializes `data` now, on the calling thread, and queues it for the
+    // writer. Returns 0. Any thread; never waits for I/O.
+    int Write(olvan::KPIData& data);
+
+    // Closes the current file and hands its path to the collector, even when
+    // no file was open. Returns 0. Not while the writer thread runs.
+    int Flush();
+
+    // Stops the writer (queued records are still written), clears the
+    // thresholds and flushes. Returns 0.
+    int Finalize();
+
+    // Asks the writer thread to finish, waits for it to write every queued
+    // record, and joins it. Does nothing when no writer runs.
+    void stopWriterThread();
+
+    // Hands `filename` to the collector's SendData, if there is a collector.
+    int SendToOlvan(std::string& filename);
+
+    std::string GetCurrFileName();
+
+    // Whole seconds of the system clock since the Unix epoch: the number that
+    // names cache files.
+    static int64_t currTs();
+
+    // Thresholds currently in force (0 between campaigns).
+    unsigned int sizeThresholdForTest() const { return sizeThreshold; }
+    unsigned int timeThresholdForTest() const { return timeThreshold; }
+    bool writerRunning() const { return writerThread != nullptr; }
+
+private:
+    using Record = std::shared_ptr<const std::string>;
+
+    int GetFilesFromCache(std::vector<std::string>& files);
+    void createFout();
+    void writer_func();
+    // Appends `records` to the current file in order, closing the file and
+    // creating the next one at the first record that takes it past the size
+    // threshold. Runs on the writer thread only.
+    void writeRecords(std::deque<Record>& records);
+    bool openForAppend(const std::string& path);
+    bool writeAll(const struct iovec* iov, int count);
+
+    const std::string prefix;
+    unsigned int sizeThreshold = 0;
+    unsigned int timeThreshold = 0;
+    const std::string cacheDir;
+    zem_collector* const collector;
+
+    // The open cache file: descriptor, its size, and whether the last open or
+    // write failed (records written to a failed file are lost, and no size
+    // rollover happens until the next file opens).
+    int fd = -1;
+    int64_t fileSize = 0;
+    bool failed = false;
+    std::string currFileName;
+
+    std::deque<Record> queue;
+    std::mutex queueMutex;
+    std::condition_variable queueCv;
+    bool stopWriter = false;
+    bool writerWaiting = false;
+    std::unique_ptr<std::thread> writerThread;
+};
