@@ -1,0 +1,45 @@
+// Blob: the aggregator of a KPI_BLOB KPI.
+//
+// Keeps a copy of every binary buffer logged during the window and, when the
+// window closes, emits them joined end to end as one olvan::Blob record.
+// Buffers larger than the configured single-sample threshold are refused.
+// Every accepted buffer stays in memory until its window closes.
+//
+// Owned by the collector's KPI table; LogBuf runs on the logging thread and
+// takes no lock (one thread at a time per KPI, like every aggregator).
+#pragma once
+
+#include <vector>
+
+#include "kpi/KPI.h"
+
+class Blob : public KPI {
+  public:
+    // Limits a configuration must respect, bounds included.
+    static constexpr unsigned int kMinSingleSampleThreshold = 4;
+    static constexpr unsigned int kMaxSingleSampleThreshold = 524288;
+    static constexpr unsigned int kMinRateThreshold = 0;
+    static constexpr unsigned int kMaxRateThreshold = 1000;
+
+    Blob(const KPICfg& cfg, KPISerializer& serializer);
+    ~Blob() override;
+
+    // Stores a copy of `len` bytes and counts it as a sample; a window that
+    // ends with this sample is emitted including it. Returns 0, or -1 (and
+    // stores nothing) when `len` exceeds the single-sample threshold.
+    int LogBuf(const unsigned char* buf, unsigned int len);
+    // The same, with the caller's clock reading.
+    int LogBufAt(TimePoint now, const unsigned char* buf, unsigned int len);
+
+    // Blob samples never carry a value: accepts and ignores it.
+    int Aggregate(unsigned int value) override;
+    void ResetAggregates() override;
+    bool validCfg() override;
+    int Serialize() override;
+
+  private:
+    bool store(const unsigned char* buf, unsigned int len);
+
+    const BlobConfig& blobCfg;
+    std::vector<std::vector<unsigned char>> samples;
+};
