@@ -1,0 +1,65 @@
+#include "kpi/Blob.h"
+
+#include "common/ZemLog.h"
+#include "serializer/KPISerializer.h"
+
+// b_cfg() is the default instance (both thresholds 0) unless the
+// configuration holds a blob configuration; validCfg refuses that.
+Blob::Blob(const KPICfg& cfg, KPISerializer& serializer)
+    : KPI(cfg, serializer), blobCfg(this->cfg.b_cfg()) {}
+
+Blob::~Blob() = default;
+
+bool Blob::store(const unsigned char* buf, unsigned int len) {
+    if (len > blobCfg.singlesamplesizetresholdbytes()) return false;
+    samples.emplace_back(buf, buf + len);
+    return true;
+}
+
+int Blob::LogBuf(const unsigned char* buf, unsigned int len) {
+    if (!store(buf, len)) return -1;
+    AddSample();
+    return 0;
+}
+
+int Blob::LogBufAt(TimePoint now, const unsigned char* buf, unsigned int len) {
+    if (!store(buf, len)) return -1;
+    AddSampleAt(now);
+    return 0;
+}
+
+int Blob::Aggregate(unsigned int) {
+    return 0;
+}
+
+void Blob::ResetAggregates() {
+    // Swapping with an empty list frees the buffers' memory, which clear()
+    // would keep reserved in the list itself.
+    std::vector<std::vector<unsigned char>>().swap(samples);
+}
+
+bool Blob::validCfg() {
+    // The rate threshold's lower limit is 0, which every unsigned value meets.
+    const unsigned int size = blobCfg.singlesamplesizetresholdbytes();
+    return size >= kMinSingleSampleThreshold && size <= kMaxSingleSampleThreshold &&
+           blobCfg.sampleratethresholdpersec() <= kMaxRateThreshold;
+}
+
+int Blob::Serialize() {
+    ZEM_LOGI("Blob::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld",
+             static_cast<int>(numSamples), startNs(), endNs());
+    if (numSamples < 1) {
+        ZEM_LOGI("numSamples < 1, so skipping");
+        return 0;
+    }
+    olvan::KPIData data;
+    olvan::Blob* blob = data.add_blobs();
+    fillMeta(blob->mutable_meta());
+    size_t total = 0;
+    for (const auto& s : samples) total += s.size();
+    std::string* joined = blob->mutable_data();
+    joined->reserve(total);
+    for (const auto& s : samples) joined->append(s.begin(), s.end());
+    serializer.Write(data);
+    return 0;
+}

@@ -1,0 +1,36 @@
+#include "kpi/Counter.h"
+
+#include "common/ZemLog.h"
+#include "serializer/KPISerializer.h"
+
+Counter::Counter(const KPICfg& cfg, KPISerializer& serializer) : KPI(cfg, serializer) {}
+
+Counter::~Counter() = default;
+
+int Counter::Aggregate(unsigned int value) {
+    sum = zem::checkedAdd(sum, uint64_t{value}, "Counter sum");
+    return 0;
+}
+
+void Counter::ResetAggregates() {
+    sum = 0;
+}
+
+bool Counter::validCfg() {
+    return true;
+}
+
+int Counter::Serialize() {
+    ZEM_LOGI("Counter::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld",
+             static_cast<int>(numSamples), startNs(), endNs());
+    if (numSamples < 1) {
+        ZEM_LOGI("numSamples < 1, so skipping");
+        return 0;
+    }
+    olvan::KPIData data;
+    olvan::Counter* counter = data.add_counters();
+    fillMeta(counter->mutable_meta());
+    counter->set_value(sum);
+    serializer.Write(data);
+    return 0;
+}

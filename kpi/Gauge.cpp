@@ -1,0 +1,51 @@
+#include "kpi/Gauge.h"
+
+#include "common/ZemLog.h"
+#include "serializer/KPISerializer.h"
+
+// g_cfg() is the all-false default instance unless the configuration holds a
+// gauge configuration, so such a gauge emits bare headers.
+Gauge::Gauge(const KPICfg& cfg, KPISerializer& serializer)
+    : KPI(cfg, serializer),
+      wantMin(cfg.g_cfg().min()),
+      wantMax(cfg.g_cfg().max()),
+      wantMean(cfg.g_cfg().mean()) {}
+
+Gauge::~Gauge() = default;
+
+int Gauge::Aggregate(unsigned int value) {
+    if (wantMin && min > value) min = value;
+    if (wantMax && max < value) max = value;
+    if (wantMean) sum = zem::checkedAdd(sum, uint64_t{value}, "Gauge sum");
+    return 0;
+}
+
+void Gauge::ResetAggregates() {
+    sum = 0;
+    min = kNoMin;
+    max = 0;
+}
+
+bool Gauge::validCfg() {
+    return true;
+}
+
+int Gauge::Serialize() {
+    ZEM_LOGI("Gauge::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld",
+             static_cast<int>(numSamples), startNs(), endNs());
+    if (numSamples < 1) {
+        ZEM_LOGI("numSamples < 1, so skipping");
+        return 0;
+    }
+    olvan::KPIData data;
+    olvan::Gauge* gauge = data.add_gauges();
+    fillMeta(gauge->mutable_meta());
+    if (wantMean) {
+        gauge->set_mean(
+                static_cast<float>(static_cast<double>(sum) / static_cast<double>(numSamples)));
+    }
+    if (wantMin) gauge->set_min(min);
+    if (wantMax) gauge->set_max(max);
+    serializer.Write(data);
+    return 0;
+}

@@ -1,0 +1,91 @@
+#include "kpi/KPI.h"
+
+#include <time.h>
+
+#include "common/ZemLog.h"
+#include "kpi/Blob.h"
+#include "kpi/Counter.h"
+#include "kpi/Gauge.h"
+#include "kpi/Histogram.h"
+#include "kpi/StateMachine.h"
+#include "serializer/KPISerializer.h"
+
+namespace {
+
+// A configuration without a window gets limit 0: no sample is ever within
+// it, so every sample closes one.
+unsigned int windowLimitOf(const KPICfg& cfg) {
+    switch (cfg.agg_window_oneof_case()) {
+        case KPICfg::kDurationMsecs:
+            return cfg.duration_msecs();
+        case KPICfg::kNofSamples:
+            return cfg.nof_samples();
+        default:
+            return 0;
+    }
+}
+
+// Record times are steady-clock tenths of a second.
+constexpr int64_t kNsPerMetaTick = 100000000;
+
+}  // namespace
+
+KPI::KPI(const KPICfg& cfg, KPISerializer& serializer)
+    : windowLimit(windowLimitOf(cfg)),
+      type(cfg.type()),
+      byDuration(cfg.agg_window_oneof_case() == KPICfg::kDurationMsecs),
+      serializer(serializer),
+      cfg(cfg) {}
+
+KPI::~KPI() = default;
+
+std::unique_ptr<KPI> KPI::Create(const KPICfg& cfg, KPISerializer& serializer) {
+    std::unique_ptr<KPI> kpi;
+    switch (cfg.type()) {
+        case KPI_NUMERIC:
+            switch (cfg.subtype()) {
+                case COUNTER:
+                    kpi = std::make_unique<Counter>(cfg, serializer);
+                    break;
+                case GAUGE:
+                    kpi = std::make_unique<Gauge>(cfg, serializer);
+                    break;
+                case HISTOGRAM:
+                    kpi = std::make_unique<Histogram>(cfg, serializer);
+                    break;
+                default:
+                    return nullptr;
+            }
+            break;
+        case KPI_STATE:
+            kpi = std::make_unique<StateMachine>(cfg, serializer);
+            break;
+        case KPI_BLOB:
+            kpi = std::make_unique<Blob>(cfg, serializer);
+            break;
+        default:
+            ZEM_LOGE("Unknown KPI Type: %d to create", static_cast<int>(cfg.type()));
+            return nullptr;
+    }
+    if (!kpi->validCfg()) return nullptr;
+    return kpi;
+}
+
+void KPI::closeWindow(TimePoint now) {
+    Serialize();
+    ResetAggregates();
+    ResetWindow(now);
+}
+
+void KPI::fillMeta(olvan::MetaData* meta) const {
+    meta->set_id(static_cast<uint32_t>(cfg.id()));
+    meta->set_ts_start(static_cast<uint64_t>(tsStart.time_since_epoch().count() / kNsPerMetaTick));
+    meta->set_ts_end(static_cast<uint64_t>(tsEnd.time_since_epoch().count() / kNsPerMetaTick));
+    meta->set_nof_samples(numSamples);
+}
+
+int64_t curr_ts() {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<int64_t>(ts.tv_sec);
+}
