@@ -16,7 +16,7 @@
 #include "kpi/KPI.h"
 
 class KPITable {
-public:
+  public:
     bool empty() const { return ids.empty(); }
     size_t size() const { return ids.size(); }
 
@@ -57,7 +57,7 @@ public:
         ids.clear();
     }
 
-private:
+  private:
     std::vector<uint32_t> ids;
     std::vector<std::unique_ptr<KPI>> kpis;
 };

@@ -22,6 +22,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -35,7 +36,7 @@
 #include "transport/zemTransportClient.h"
 
 class zem_collector {
-public:
+  public:
     // Copies everything it needs from `cfg`; starts nothing. `cfg->name` and
     // `cfg->cache_dir` must not be null (zem_register checks).
     explicit zem_collector(const zem_cfg_s& cfg);
@@ -111,10 +112,22 @@ public:
     const KPITable& kpiTable() const { return table; }
     KPISerializer& getSerializer() { return serializer; }
 
-private:
+  private:
+    struct RegistrationThread {
+        std::thread thread;
+        bool done = false;
+    };
+
     void startRegistrationThread();
-    void registrationLoop();
-    void setClient(std::shared_ptr<zemTransportClient> c);
+    void registrationLoop(RegistrationThread* self);
+
+    // Guards client, token, the registration threads and `stopping`. Declared
+    // first so it outlives every member a writer or transport thread may
+    // still reach while the collector is being destroyed.
+    mutable std::mutex stateMutex;
+    std::condition_variable stateCv;
+    bool stopping = false;
+    std::list<RegistrationThread> registrationThreads;
 
     // Fixed campaign limits.
     const uint32_t minTimeThreshold = 1;
@@ -135,10 +148,4 @@ private:
     const uint32_t transport;
     std::string token;
     google::protobuf::TextFormat::Printer printer;
-
-    // Guards client, token, registration threads and `stopping`.
-    mutable std::mutex stateMutex;
-    std::condition_variable stateCv;
-    bool stopping = false;
-    std::vector<std::thread> registrationThreads;
 };

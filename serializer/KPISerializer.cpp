@@ -39,8 +39,7 @@ KPISerializer::~KPISerializer() {
 
 int64_t KPISerializer::currTs() {
     using namespace std::chrono;
-    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count() /
-           1000000;
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count() / 1000000;
 }
 
 std::string KPISerializer::GetCurrFileName() {

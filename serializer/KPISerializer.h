@@ -34,7 +34,7 @@
 class zem_collector;
 
 class KPISerializer {
-public:
+  public:
     // Creates no file and no thread. `collector` may be null: files are then
     // closed and left in `cacheDir`.
     KPISerializer(const std::string& cacheDir, zem_collector* collector);
@@ -81,7 +81,7 @@ public:
     unsigned int timeThresholdForTest() const { return timeThreshold; }
     bool writerRunning() const { return writerThread != nullptr; }
 
-private:
+  private:
     using Record = std::shared_ptr<const std::string>;
 
     int GetFilesFromCache(std::vector<std::string>& files);

@@ -23,7 +23,7 @@ namespace zem_test {
 
 // A fresh directory under $TMPDIR, removed with its content on destruction.
 class TempDir {
-public:
+  public:
     TempDir() {
         const char* base = getenv("TMPDIR");
         std::string tmpl = std::string(base ? base : "/tmp") + "/zem_test.XXXXXX";
@@ -68,7 +68,7 @@ public:
         rmdir(path.c_str());
     }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -94,7 +94,7 @@ inline olvan::KPIData parseCacheFile(const std::string& path) {
 // Captures everything written to stderr (where the host liblog prints) while
 // alive. Not nestable.
 class LogCapture {
-public:
+  public:
     LogCapture() { testing::internal::CaptureStderr(); }
     ~LogCapture() {
         if (!done_) testing::internal::GetCapturedStderr();
@@ -108,7 +108,7 @@ public:
         return text_;
     }
 
-private:
+  private:
     bool done_ = false;
     std::string text_;
 };

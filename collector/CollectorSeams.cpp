@@ -1,0 +1,52 @@
+#include "collector/CollectorSeams.h"
+
+#include <mutex>
+
+#include "transport/zemGRPCClient.h"
+
+namespace zem {
+namespace internal {
+
+namespace {
+constexpr std::chrono::milliseconds kDefaultRetryDelay{5000};
+
+std::mutex gSeamMutex;
+TransportFactory gFactory;
+std::chrono::milliseconds gRetryDelay = kDefaultRetryDelay;
+}  // namespace
+
+std::shared_ptr<zemTransportClient> makeDefaultTransport(uint32_t transport) {
+    switch (transport) {
+        case 2:
+            return std::make_shared<zemGRPCClient>();
+        default:
+            return nullptr;
+    }
+}
+
+void setTransportFactory(TransportFactory factory) {
+    std::lock_guard<std::mutex> lock(gSeamMutex);
+    gFactory = std::move(factory);
+}
+
+void setRetryDelay(std::chrono::milliseconds delay) {
+    std::lock_guard<std::mutex> lock(gSeamMutex);
+    gRetryDelay = delay.count() > 0 ? delay : kDefaultRetryDelay;
+}
+
+std::shared_ptr<zemTransportClient> makeTransport(uint32_t transport) {
+    TransportFactory factory;
+    {
+        std::lock_guard<std::mutex> lock(gSeamMutex);
+        factory = gFactory;
+    }
+    return factory ? factory(transport) : makeDefaultTransport(transport);
+}
+
+std::chrono::milliseconds retryDelay() {
+    std::lock_guard<std::mutex> lock(gSeamMutex);
+    return gRetryDelay;
+}
+
+}  // namespace internal
+}  // namespace zem
