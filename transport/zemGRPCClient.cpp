@@ -1,0 +1,236 @@
+#include "transport/zemGRPCClient.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <utility>
+
+#include "collector/zem_collector.h"
+#include "common/ZemLog.h"
+
+namespace {
+
+// Progress lines go to standard output, flushed at once so that a reader on a
+// pipe sees them as they happen.
+void printOut(const std::string& text) {
+    fwrite(text.data(), 1, text.size(), stdout);
+    fflush(stdout);
+}
+
+std::shared_ptr<grpc::Channel> makeChannel(const std::string& target) {
+    grpc::ChannelArguments args;
+    // A private subchannel pool: a new client (one per registration attempt)
+    // then connects afresh instead of inheriting the reconnect backoff of a
+    // connection to a daemon that has gone away.
+    args.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    // Campaigns may be larger than gRPC's default 4 MiB receive limit.
+    args.SetMaxReceiveMessageSize(-1);
+    return grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), args);
+}
+
+std::string readWholeFile(const std::string& filename) {
+    std::ifstream in(filename, std::ios::binary | std::ios::ate);
+    if (!in) return std::string();
+    const std::streamoff size = in.tellg();
+    std::string content;
+    if (size > 0) {
+        content.resize(static_cast<size_t>(size));
+        in.seekg(0);
+        in.read(&content[0], size);
+        content.resize(static_cast<size_t>(in.gcount()));
+    }
+    return content;
+}
+
+}  // namespace
+
+struct zemGRPCClient::Link {
+    std::recursive_mutex mutex;
+    zem_collector* collector = nullptr;  // guarded by mutex; null once forgotten
+};
+
+// One open command stream and everything its thread touches. Shared by the
+// client and the stream thread, so the thread can outlive a client destroyed
+// on it (from inside LostConn).
+class zemGRPCClient::StreamSession {
+  public:
+    StreamSession(std::shared_ptr<grpc::Channel> channel, std::shared_ptr<Link> link)
+        : channel(std::move(channel)), link(std::move(link)) {}
+
+    // The stream thread's body: reads commands until the stream ends, then
+    // reports the lost connection once, unless the client retired the
+    // session on purpose.
+    void serve();
+
+    // Writes one response with default options. Stream thread only: it is
+    // the stream's one writer.
+    bool SendCommandResponse(olvan::CommandResponse& response) { return stream->Write(response); }
+
+    // Keeps the call's channel alive as long as the stream.
+    const std::shared_ptr<grpc::Channel> channel;
+    const std::shared_ptr<Link> link;
+    grpc::ClientContext context;
+    std::unique_ptr<grpc::ClientReaderWriter<olvan::CommandResponse, olvan::CommandRequest>> stream;
+    std::atomic<bool> retired{false};
+
+  private:
+    // Calls fn(collector) under the link's lock; -1 when the collector has
+    // been forgotten.
+    template <typename Fn>
+    int withCollector(Fn&& fn) {
+        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        return link->collector != nullptr ? fn(link->collector) : -1;
+    }
+};
+
+void zemGRPCClient::StreamSession::serve() {
+    pthread_setname_np(pthread_self(), "zem_cmd");
+    printOut("waiting for cmds .. \n");
+
+    olvan::CommandRequest request;
+    while (stream->Read(&request)) {
+        printOut("received cmd: ");
+        olvan::CommandResponse response;
+        // The daemon expects seq_no 0 whatever the request carried.
+        response.set_seq_no(0);
+        response.set_status(0);
+        switch (request.event_oneof_case()) {
+            case olvan::CommandRequest::kStartCampaign:
+                printOut("startCampaign\n");
+                response.set_status(withCollector([&request](zem_collector* c) {
+                    return c->StartCampaign(request.startcampaign().campaignconfig());
+                }));
+                break;
+            case olvan::CommandRequest::kStopCampaign:
+                printOut("stopCampaign\n");
+                response.set_status(
+                        withCollector([](zem_collector* c) { return c->StopCampaign(); }));
+                break;
+            case olvan::CommandRequest::kStartCollection:
+            case olvan::CommandRequest::kStopCollection:
+                response.set_status(-1);
+                break;
+            case olvan::CommandRequest::EVENT_ONEOF_NOT_SET:
+                continue;
+        }
+        // A failed write is not acted on: the next read tells whether the
+        // stream is still alive.
+        SendCommandResponse(response);
+    }
+    // Releases the call; returns at once since the read already failed.
+    stream->Finish();
+
+    if (retired.load()) return;
+    // LostConn may drop the last reference to the client on this thread; the
+    // client then detaches this thread, and this session stays alive through
+    // the thread's own reference.
+    withCollector([](zem_collector* c) { return c->LostConn(); });
+}
+
+zemGRPCClient::zemGRPCClient() : zemGRPCClient(kDefaultTarget) {}
+
+zemGRPCClient::zemGRPCClient(const std::string& target)
+    : target(target), channel(makeChannel(target)), link(std::make_shared<Link>()) {
+    stub = olvan::SPC::NewStub(channel);
+}
+
+zemGRPCClient::~zemGRPCClient() {
+    {
+        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        link->collector = nullptr;
+    }
+    endSession();
+}
+
+void zemGRPCClient::endSession() {
+    if (session) {
+        session->retired.store(true);
+        // Makes a pending Read (or Write) return at once.
+        session->context.TryCancel();
+    }
+    if (streamThread.joinable()) {
+        if (streamThread.get_id() == std::this_thread::get_id()) {
+            streamThread.detach();
+        } else {
+            streamThread.join();
+        }
+    }
+    session.reset();
+}
+
+void zemGRPCClient::forgetCollector(zem_collector* collector) {
+    std::lock_guard<std::recursive_mutex> lock(link->mutex);
+    if (link->collector == collector) link->collector = nullptr;
+}
+
+int32_t zemGRPCClient::registerClient(const std::string& name, uint32_t version,
+                                      zem_collector* collector) {
+    olvan::ClientInfo info;
+    info.set_name(name);
+    info.set_major(static_cast<int32_t>(version >> 8));
+    info.set_minor(static_cast<int32_t>(version & 0xFF));
+
+    grpc::ClientContext context;
+    olvan::RegisterResponse response;
+    const grpc::Status status = stub->Register(&context, info, &response);
+    if (!status.ok()) return status.error_code();
+
+    printOut("Token: " + response.token() + "\n");
+    printOut("Register Client success\n");
+    {
+        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        link->collector = collector;
+        if (collector != nullptr) collector->setToken(response.token());
+    }
+    // Opened even when the daemon answered a non-zero status: the collector
+    // then counts the attempt as failed and drops this client.
+    CommandStream();
+    return response.status();
+}
+
+int32_t zemGRPCClient::CommandStream() {
+    endSession();
+
+    auto s = std::make_shared<StreamSession>(channel, link);
+    std::string token;
+    {
+        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        if (link->collector != nullptr) token = link->collector->getToken();
+    }
+    s->context.AddMetadata("clientid", token);
+    s->stream = stub->CommandStream(&s->context);
+    session = s;
+    streamThread = std::thread([s] { s->serve(); });
+    return 0;
+}
+
+int32_t zemGRPCClient::sendData(const std::string& filename, const std::string& token) {
+    olvan::Data data;
+    data.set_data(readWholeFile(filename));
+
+    grpc::ClientContext context;
+    context.AddMetadata("clientid", token);
+    olvan::Response response;
+    const grpc::Status status = stub->SendData(&context, data, &response);
+    if (!status.ok()) {
+        ZEM_LOGE("SendData failed: %s", status.error_message().c_str());
+        return status.error_code();
+    }
+    // The transport succeeded: the daemon holds the bytes, whatever its status.
+    remove(filename.c_str());
+    return response.status();
+}
+
+int32_t zemGRPCClient::deRegisterClient(const std::string& token) {
+    grpc::ClientContext context;
+    context.AddMetadata("token", token);
+    olvan::Empty request;
+    olvan::Response response;
+    const grpc::Status status = stub->DeRegister(&context, request, &response);
+    if (!status.ok()) return status.error_code();
+    return response.status();
+}
