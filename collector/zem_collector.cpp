@@ -65,6 +65,14 @@ std::shared_ptr<zemTransportClient> zem_collector::getClient() const {
     return client;
 }
 
+bool zem_collector::registering() const {
+    std::lock_guard<std::mutex> lock(stateMutex);
+    for (const RegistrationThread& t : registrationThreads) {
+        if (!t.done) return true;
+    }
+    return false;
+}
+
 int zem_collector::SendData(const std::string& filename) {
     std::shared_ptr<zemTransportClient> c = getClient();
     if (!c) {

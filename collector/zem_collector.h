@@ -109,6 +109,9 @@ class zem_collector {
     // The current transport client (may be empty).
     std::shared_ptr<zemTransportClient> getClient() const;
 
+    // True while a registration thread is still attempting or waiting.
+    bool registering() const;
+
     const KPITable& kpiTable() const { return table; }
     KPISerializer& getSerializer() { return serializer; }
 

@@ -1,0 +1,430 @@
+// The collector: registration and its retries, lost connections, campaign
+// validation, start and stop, sample dispatch, and the C API end to end into
+// cache files, with an in-process transport.
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "FakeTransport.h"
+#include "TestUtil.h"
+#include "collector/CollectorSeams.h"
+#include "collector/zem_collector.h"
+#include "zem_sdk.h"
+
+using zem_test::countLogLines;
+using zem_test::FakeTransport;
+using zem_test::LogCapture;
+using zem_test::TempDir;
+using zem_test::waitFor;
+
+namespace {
+
+std::atomic<int> gStartCalls{0}, gStopCalls{0};
+std::string gPayload;
+int32_t gStartResult = 0, gStopResult = 0;
+
+int32_t onStart(const uint8_t* payload, uint64_t len) {
+    gPayload.assign(reinterpret_cast<const char*>(payload), len);
+    ++gStartCalls;
+    return gStartResult;
+}
+int32_t onStop() {
+    ++gStopCalls;
+    return gStopResult;
+}
+
+KPICfg counterCfg(int32_t id, uint32_t window) {
+    KPICfg cfg;
+    cfg.set_id(id);
+    cfg.set_type(KPI_NUMERIC);
+    cfg.set_subtype(COUNTER);
+    cfg.set_nof_samples(window);
+    return cfg;
+}
+
+KPICfg blobCfg(int32_t id, uint32_t window, uint32_t threshold) {
+    KPICfg cfg;
+    cfg.set_id(id);
+    cfg.set_type(KPI_BLOB);
+    cfg.set_nof_samples(window);
+    cfg.mutable_b_cfg()->set_singlesamplesizetresholdbytes(threshold);
+    return cfg;
+}
+
+LTCCampaignDef campaign(std::initializer_list<KPICfg> kpis, uint32_t size = 4096) {
+    LTCCampaignDef def;
+    def.set_size_threshold(size);
+    def.set_time_threshold(60);
+    for (const auto& k : kpis) *def.add_kpicfgs() = k;
+    return def;
+}
+
+class CollectorTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        gStartCalls = gStopCalls = 0;
+        gStartResult = gStopResult = 0;
+        gPayload.clear();
+        zem::internal::setRetryDelay(std::chrono::milliseconds(20));
+        zem::internal::setTransportFactory([this](uint32_t) { return transport; });
+    }
+    void TearDown() override {
+        zem::internal::setTransportFactory(nullptr);
+        zem::internal::setRetryDelay(std::chrono::milliseconds(0));
+    }
+
+    zem_cfg_s cfg(uint32_t transportValue = ZEM_TRANSPORT_GRPC) {
+        zem_cfg_s c{};
+        c.name = "cam";
+        c.version = 0x0102;
+        c.cache_dir = dir.path().c_str();
+        c.campaign_start_cb = onStart;
+        c.campaign_stop_cb = onStop;
+        c.transport = transportValue;
+        return c;
+    }
+
+    // Registers and waits until the fake transport handed out its token.
+    zem_handle registered() {
+        zem_cfg_s c = cfg();
+        zem_handle h = zem_register(&c);
+        EXPECT_NE(nullptr, h);
+        EXPECT_TRUE(waitFor([h] { return h->getToken() == "tok-1"; }));
+        return h;
+    }
+
+    TempDir dir;
+    std::shared_ptr<FakeTransport> transport = std::make_shared<FakeTransport>();
+};
+
+}  // namespace
+
+TEST_F(CollectorTest, SamplesThroughTheCApiArriveAsOneParsableFilePerCampaign) {
+    zem_handle h = registered();
+    EXPECT_EQ("cam", transport->lastName);
+    EXPECT_EQ(0x0102u, transport->lastVersion);
+
+    EXPECT_EQ(-1, zem_log(h, 1, 5));  // no campaign yet
+    LTCCampaignDef def = campaign({counterCfg(1, 3), blobCfg(2, 2, 16)});
+    def.set_cfg_payload(std::string("\0pay", 4));
+    gStartResult = 7;
+    EXPECT_EQ(7, h->StartCampaign(def.SerializeAsString()));
+    EXPECT_EQ(1, gStartCalls.load());
+    EXPECT_EQ(std::string("\0pay", 4), gPayload);
+
+    for (uint32_t v : {5u, 7u, 0u, 100u}) EXPECT_EQ(0, zem_log(h, 1, v));
+    const uint8_t a[] = {1, 2, 3}, b[] = {4, 5};
+    EXPECT_EQ(0, zem_log_blob(h, 2, a, sizeof a));
+    EXPECT_EQ(0, zem_log_blob(h, 2, b, sizeof b));
+    EXPECT_EQ(-1, zem_log_blob(h, 2, nullptr, 4));  // refused, nothing counted
+    EXPECT_EQ(0, zem_log_blob(h, 2, nullptr, 0));
+
+    gStopResult = 3;
+    EXPECT_EQ(3, h->StopCampaign());
+    EXPECT_EQ(-1, zem_log(h, 1, 1));
+
+    auto sent = transport->sentFiles();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ("tok-1", sent[0].token);
+    EXPECT_FALSE(zem_test::readFile(sent[0].filename).size());  // removed after delivery
+    olvan::KPIData data;
+    ASSERT_TRUE(data.ParseFromString(sent[0].bytes));
+    EXPECT_EQ(olvan::V1, data.version());
+    // Counter: the window of 3 closed on the 4th sample, the open window of
+    // one sample was serialized at stop.
+    ASSERT_EQ(2, data.counters_size());
+    EXPECT_EQ(12u, data.counters(0).value());
+    EXPECT_EQ(3u, data.counters(0).meta().nof_samples());
+    EXPECT_EQ(100u, data.counters(1).value());
+    EXPECT_EQ(1u, data.counters(1).meta().nof_samples());
+    // Blob: emitted on its 2nd sample; the zero-length one sat alone at stop.
+    ASSERT_EQ(2, data.blobs_size());
+    EXPECT_EQ(std::string("\1\2\3\4\5"), data.blobs(0).data());
+    EXPECT_EQ(1u, data.blobs(1).meta().nof_samples());
+
+    EXPECT_EQ(0, zem_deregister(h));
+    EXPECT_EQ(std::vector<std::string>{"tok-1"}, transport->deregistered);
+    EXPECT_EQ(1, transport->forgotten);
+}
+
+TEST_F(CollectorTest, DispatchChecksIdAndTypeWithTheirOwnCodes) {
+    zem_handle h = registered();
+    KPICfg state;
+    state.set_id(3);
+    state.set_type(KPI_STATE);
+    ASSERT_EQ(0, h->StartCampaign(
+                         campaign({counterCfg(1, 10), blobCfg(2, 10, 8), state}).SerializeAsString()));
+
+    EXPECT_EQ(-1, zem_log(nullptr, 1, 1));
+    EXPECT_EQ(-1, zem_log_event(nullptr, 1));
+    EXPECT_EQ(-1, zem_log_state(nullptr, 1));
+    EXPECT_EQ(-1, zem_log_blob(nullptr, 1, nullptr, 0));
+    EXPECT_EQ(-1, zem_deregister(nullptr));
+
+    EXPECT_EQ(-1, zem_log(h, 99, 1));  // unknown id everywhere: -1
+    EXPECT_EQ(-1, zem_log_event(h, 99));
+    EXPECT_EQ(-1, zem_log_state(h, 99));
+    EXPECT_EQ(-1, zem_log_blob(h, 99, nullptr, 0));
+
+    const uint8_t buf[9] = {};
+    EXPECT_EQ(-1, zem_log(h, 2, 1));              // numeric on a blob: -1
+    EXPECT_EQ(-2, zem_log_blob(h, 1, buf, 1));    // blob on a numeric: -2
+    EXPECT_EQ(-1, zem_log_event(h, 1));           // event on a numeric: -1
+    EXPECT_EQ(-2, zem_log_state(h, 1));           // state on a numeric: -2
+    EXPECT_EQ(0, zem_log_state(h, 3));            // accepted, records nothing
+    EXPECT_EQ(-1, zem_log_blob(h, 2, buf, 9));    // over the threshold
+    EXPECT_EQ(0, zem_log_blob(h, 2, buf, 8));     // at the threshold
+    EXPECT_EQ(1u, h->kpiTable().find(2)->sampleCount());
+    EXPECT_EQ(0u, h->kpiTable().find(3)->sampleCount());
+    zem_deregister(h);
+}
+
+TEST_F(CollectorTest, CampaignLimitsAreInclusiveAndCheckedInOrder) {
+    zem_handle h = registered();
+    struct Case {
+        uint32_t size, time, kpis, payload;
+        bool ok;
+    } cases[] = {
+            {100, 1, 0, 0, true},           {4194304, 21600, 1024, 1048576, true},
+            {99, 60, 0, 0, false},          {4194305, 60, 0, 0, false},
+            {4096, 0, 0, 0, false},         {4096, 21601, 0, 0, false},
+            {4096, 60, 1025, 0, false},     {4096, 60, 0, 1048577, false},
+    };
+    for (const Case& c : cases) {
+        LTCCampaignDef def;
+        def.set_size_threshold(c.size);
+        def.set_time_threshold(c.time);
+        for (uint32_t i = 0; i < c.kpis; ++i) *def.add_kpicfgs() = counterCfg(i, 1);
+        def.set_cfg_payload(std::string(c.payload, 'p'));
+        EXPECT_EQ(c.ok, h->validCfg(def)) << c.size << " " << c.time << " " << c.kpis;
+        if (!c.ok) {
+            LogCapture cap;
+            EXPECT_EQ(-1, h->StartCampaign(def.SerializeAsString()));
+            EXPECT_EQ(1, countLogLines(cap.text(), 'E', "cam: invalid campaign config"));
+        }
+    }
+    EXPECT_TRUE(h->kpiTable().empty());
+    EXPECT_EQ(0, gStartCalls.load());
+
+    LogCapture cap;
+    EXPECT_EQ(-1, h->StartCampaign("\xff\xff\xff"));
+    EXPECT_EQ(1, countLogLines(cap.text(), 'E', "cam: failed to parse campaign config"));
+
+    // No KPIs at all is a valid campaign that still reaches the callback.
+    EXPECT_EQ(0, h->StartCampaign(campaign({}).SerializeAsString()));
+    EXPECT_EQ(1, gStartCalls.load());
+    h->StopCampaign();
+    zem_deregister(h);
+}
+
+TEST_F(CollectorTest, CampaignsMergeByIdAndStopAtTheFirstBadKpi) {
+    zem_handle h = registered();
+    // The later of two configurations with one id wins.
+    {
+        LogCapture cap;
+        ASSERT_EQ(0, h->StartCampaign(
+                             campaign({counterCfg(5, 2), counterCfg(5, 1)}).SerializeAsString()));
+        EXPECT_EQ(1, countLogLines(cap.text(), 'I', "cam: Recvd Thresholds Size: 4096 Time: 60"));
+        EXPECT_EQ(1, countLogLines(cap.text(), 'I',
+                                   "cam: Recvd KPICfg id: 5 type: KPI_NUMERIC subType: COUNTER "
+                                   "nof_samples: 2 "))
+                << cap.text();
+    }
+    EXPECT_EQ(1u, h->kpiTable().size());
+    EXPECT_EQ(1u, h->kpiTable().find(5)->config().nof_samples());
+
+    // A failure at the third of five keeps the first two (and what was
+    // there before) and skips the callback.
+    KPICfg event;
+    event.set_id(12);
+    event.set_type(KPI_EVENT);
+    gStartCalls = 0;
+    LogCapture cap;
+    EXPECT_EQ(-1, h->StartCampaign(campaign({counterCfg(10, 1), counterCfg(11, 1), event,
+                                             counterCfg(13, 1), counterCfg(14, 1)})
+                                           .SerializeAsString()));
+    EXPECT_EQ(1, countLogLines(cap.text(), 'E', "cam: error: could not create KPI id: 12 from KPICfg"));
+    EXPECT_EQ(1, countLogLines(cap.text(), 'E', "Unknown KPI Type: 201326592 to create"));
+    EXPECT_EQ(0, gStartCalls.load());
+    EXPECT_EQ(3u, h->kpiTable().size());
+    EXPECT_NE(nullptr, h->kpiTable().find(5));
+    EXPECT_NE(nullptr, h->kpiTable().find(11));
+    EXPECT_EQ(nullptr, h->kpiTable().find(13));
+    EXPECT_EQ(-1, zem_log_event(h, 12));
+    h->StopCampaign();
+    zem_deregister(h);
+}
+
+TEST_F(CollectorTest, StopSerializesInIdOrderThenHandsOverEvenWithoutAWriter) {
+    zem_handle h = registered();
+    ASSERT_EQ(0, h->StartCampaign(
+                         campaign({counterCfg(30, 100), counterCfg(4, 100), counterCfg(17, 100)})
+                                 .SerializeAsString()));
+    for (uint32_t id : {30u, 4u, 17u}) zem_log(h, id, id);
+    EXPECT_EQ(0, h->StopCampaign());
+    auto sent = transport->sentFiles();
+    ASSERT_EQ(1u, sent.size());
+    olvan::KPIData data;
+    ASSERT_TRUE(data.ParseFromString(sent[0].bytes));
+    ASSERT_EQ(3, data.counters_size());
+    EXPECT_EQ(4u, data.counters(0).meta().id());
+    EXPECT_EQ(17u, data.counters(1).meta().id());
+    EXPECT_EQ(30u, data.counters(2).meta().id());
+
+    // A second stop has no writer and no file: the callback still runs and
+    // the (closed) last file name is handed over again.
+    gStopResult = 9;
+    EXPECT_EQ(9, h->StopCampaign());
+    EXPECT_EQ(2u, transport->sentFiles().size());
+    zem_deregister(h);
+}
+
+TEST_F(CollectorTest, RegistrationRetriesThreeTimesAndResetsOnlyAnExistingClient) {
+    transport->results = {5, 5, 5};
+    LogCapture cap;
+    zem_cfg_s c = cfg();
+    zem_handle h = zem_register(&c);
+    ASSERT_TRUE(waitFor([&] { return transport->attemptCount() == 3; }));
+    // The thread sleeps after its last failure too, then gives up.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(3u, transport->attemptCount());
+    EXPECT_EQ(nullptr, h->getClient());
+    EXPECT_EQ(-1, zem_deregister(h));
+    const std::string& log = cap.text();
+    EXPECT_EQ(3, countLogLines(log, 'E',
+                               "cam: SPC registration failed - waiting for 5 seconds before "
+                               "retrying"));
+    EXPECT_EQ(3, countLogLines(log, 'I', "cam: Resetting client ptr"));
+
+    // A transport value that makes no client: attempts fail, nothing to reset.
+    zem::internal::setTransportFactory(nullptr);
+    LogCapture cap2;
+    zem_cfg_s none = cfg(7);
+    zem_handle h2 = zem_register(&none);
+    ASSERT_TRUE(waitFor([&] { return !h2->registering(); }));
+    EXPECT_EQ(-1, zem_deregister(h2));
+    EXPECT_EQ(3, countLogLines(cap2.text(), 'E',
+                               "cam: SPC registration failed - waiting for 5 seconds before "
+                               "retrying"));
+    EXPECT_EQ(0, countLogLines(cap2.text(), 'I', "cam: Resetting client ptr"));
+}
+
+TEST_F(CollectorTest, FirstSuccessEndsRegistrationWithoutWaiting) {
+    // A wait after success would hold the thread for half a minute.
+    zem::internal::setRetryDelay(std::chrono::seconds(30));
+    LogCapture cap;
+    zem_handle h = registered();
+    ASSERT_TRUE(waitFor([h] { return !h->registering(); }));
+    EXPECT_EQ(1u, transport->attemptCount());
+    EXPECT_EQ(1, countLogLines(cap.text(), 'I', "cam: SPC registration succeeded"));
+    zem_deregister(h);
+}
+
+TEST_F(CollectorTest, RetryWaitIsFiveSecondsByDefault) {
+    zem::internal::setRetryDelay(std::chrono::milliseconds(0));
+    transport->results = {1};
+    zem_handle h = registered();
+    ASSERT_EQ(2u, transport->attempts.size());
+    EXPECT_GE(transport->attempts[1] - transport->attempts[0], std::chrono::seconds(5));
+    zem_deregister(h);
+}
+
+TEST_F(CollectorTest, DeregisterDuringTheRetryWaitDoesNotWaitItOut) {
+    // With an hour between attempts, the test finishes only if destruction
+    // cuts the wait short.
+    zem::internal::setRetryDelay(std::chrono::hours(1));
+    transport->results = {1, 1, 1};
+    zem_cfg_s c = cfg();
+    zem_handle h = zem_register(&c);
+    ASSERT_TRUE(waitFor([&] { return transport->attemptCount() == 1; }));
+    EXPECT_EQ(-1, zem_deregister(h));
+    EXPECT_EQ(1u, transport->attemptCount());
+}
+
+TEST_F(CollectorTest, LostConnStopsARunningCampaignThenRegistersAfresh) {
+    zem_handle h = registered();
+    {
+        // Idle: no stop, straight to a new registration.
+        LogCapture cap;
+        transport->tokenToHand = "tok-2";
+        EXPECT_EQ(0, h->LostConn());
+        ASSERT_TRUE(waitFor([h] { return h->getToken() == "tok-2"; }));
+        EXPECT_EQ(0, gStopCalls.load());
+        EXPECT_EQ(1, countLogLines(cap.text(), 'I',
+                                   "cam: zem_collector::LostConn deleteing client instance for "
+                                   "token - tok-1"));
+    }
+    ASSERT_EQ(0, h->StartCampaign(campaign({counterCfg(1, 100)}).SerializeAsString()));
+    zem_log(h, 1, 42);
+    // The daemon is gone, so the last file cannot be delivered: it stays.
+    transport->failSends(14);
+    transport->tokenToHand = "tok-3";
+    EXPECT_EQ(0, h->LostConn());
+    EXPECT_EQ(1, gStopCalls.load());
+    EXPECT_TRUE(h->kpiTable().empty());
+    ASSERT_TRUE(waitFor([h] { return h->getToken() == "tok-3"; }));
+    EXPECT_EQ(3u, transport->attemptCount());
+    auto sent = transport->sentFiles();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ(sent[0].bytes, zem_test::readFile(sent[0].filename));
+
+    // The next campaign reopens the kept file, so its window is delivered.
+    transport->failSends(0);
+    ASSERT_EQ(0, h->StartCampaign(campaign({counterCfg(1, 100)}).SerializeAsString()));
+    zem_log(h, 1, 8);
+    h->StopCampaign();
+    sent = transport->sentFiles();
+    ASSERT_EQ(2u, sent.size());
+    EXPECT_EQ(sent[0].filename, sent[1].filename);
+    olvan::KPIData data;
+    ASSERT_TRUE(data.ParseFromString(sent[1].bytes));
+    ASSERT_EQ(2, data.counters_size());
+    EXPECT_EQ(42u, data.counters(0).value());
+    EXPECT_EQ(8u, data.counters(1).value());
+    zem_deregister(h);
+}
+
+TEST(CApi, BadConfigurationsGiveNullAndAnErrorLine) {
+    LogCapture cap;
+    EXPECT_EQ(nullptr, zem_register(nullptr));
+    zem_cfg_s c{};
+    c.cache_dir = "/tmp";
+    EXPECT_EQ(nullptr, zem_register(&c));
+    c.name = "x";
+    c.cache_dir = nullptr;
+    EXPECT_EQ(nullptr, zem_register(&c));
+    const std::string& log = cap.text();
+    EXPECT_EQ(1, countLogLines(log, 'E', "zem_register: the configuration is NULL, no client "
+                                         "registered"))
+            << log;
+    EXPECT_EQ(1, countLogLines(log, 'E', "zem_register: name is NULL, no client registered"));
+    EXPECT_EQ(1, countLogLines(log, 'E', "zem_register: cache_dir is NULL, no client registered"));
+}
+
+TEST(CApi, TheRecordMayBeFreedRightAfterRegister) {
+    TempDir dir;
+    auto transport = std::make_shared<FakeTransport>();
+    zem::internal::setTransportFactory([&](uint32_t) { return transport; });
+    auto* name = new std::string("short-lived");
+    auto* cdir = new std::string(dir.path());
+    auto* c = new zem_cfg_s{};
+    c->name = name->c_str();
+    c->cache_dir = cdir->c_str();
+    c->transport = ZEM_TRANSPORT_GRPC;
+    zem_handle h = zem_register(c);
+    delete c;
+    name->assign(40, 'z');
+    delete name;
+    delete cdir;
+    ASSERT_TRUE(waitFor([&] { return transport->attemptCount() == 1; }));
+    EXPECT_EQ("short-lived", h->getName());
+    EXPECT_EQ("short-lived", transport->lastName);
+    LTCCampaignDef def;
+    def.set_size_threshold(100);
+    def.set_time_threshold(1);
+    EXPECT_EQ(0, h->StartCampaign(def.SerializeAsString()));
+    EXPECT_EQ(1u, dir.list().size());
+    h->StopCampaign();
+    zem_deregister(h);
+    zem::internal::setTransportFactory(nullptr);
+}
