@@ -1,0 +1,59 @@
+// Decoding and printing of cache files, shared by zemd and zemdump.
+//
+// A cache file is a concatenation of serialized olvan::KPIData records and
+// parses as one KPIData holding every window. These helpers turn such a
+// message into one line per window, readable or as a flat JSON object, and
+// build the JSON lines both tools print. Plain functions; no shared state.
+//
+//   olvan::KPIData data;
+//   if (decodeCacheBytes(bytes, &data))
+//       for (const auto& line : formatWindows(data, /*json=*/false, "")) puts(line.c_str());
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "metric.pb.h"
+
+namespace zemtools {
+
+// Parses `bytes` as one merged KPIData. False when they are not one.
+bool decodeCacheBytes(const std::string& bytes, olvan::KPIData* data);
+
+// Number of windows (counters, gauges, histograms and blobs) in `data`.
+size_t windowCount(const olvan::KPIData& data);
+
+// One line per window, ordered by window start and then id. Readable lines
+// show id, kind, window span (steady-clock seconds), sample count and the
+// window's value(s); with `json` each line is a flat JSON object that starts
+// with the fields in `jsonPrefix` (for example "\"file\":\"x\"," or empty).
+std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
+                                       const std::string& jsonPrefix);
+
+// `text` as a JSON string literal, quotes included.
+std::string jsonString(const std::string& text);
+
+// Builds one flat JSON object, field by field, in insertion order.
+class JsonObject {
+  public:
+    JsonObject& add(const std::string& key, const std::string& value);
+    JsonObject& add(const std::string& key, const char* value);
+    JsonObject& add(const std::string& key, int64_t value);
+    JsonObject& add(const std::string& key, uint64_t value);
+    JsonObject& add(const std::string& key, int value) { return add(key, int64_t{value}); }
+    JsonObject& add(const std::string& key, unsigned value) { return add(key, uint64_t{value}); }
+    JsonObject& add(const std::string& key, double value);
+    JsonObject& add(const std::string& key, bool value);
+    // `json` is inserted as it stands (an array, say).
+    JsonObject& addRaw(const std::string& key, const std::string& json);
+    // The fields so far, comma-separated, without braces.
+    const std::string& fields() const { return body; }
+    std::string str() const { return "{" + body + "}"; }
+
+  private:
+    void key(const std::string& k);
+    std::string body;
+};
+
+}  // namespace zemtools

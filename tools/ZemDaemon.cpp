@@ -1,0 +1,357 @@
+#include "tools/ZemDaemon.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+#include <utility>
+
+using zemtools::JsonObject;
+
+namespace {
+
+std::string metadata(const grpc::ServerContext* context, const char* key) {
+    const auto& md = context->client_metadata();
+    const auto it = md.find(key);
+    return it == md.end() ? std::string() : std::string(it->second.data(), it->second.size());
+}
+
+// Keeps a client name usable inside a file name.
+std::string fileSafe(const std::string& name) {
+    std::string out;
+    for (const char c : name) {
+        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                        (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
+        out += ok ? c : '_';
+    }
+    return out.empty() ? "unknown" : out;
+}
+
+const char* commandName(const olvan::CommandRequest& c) {
+    switch (c.event_oneof_case()) {
+        case olvan::CommandRequest::kStartCampaign:
+            return "startCampaign";
+        case olvan::CommandRequest::kStopCampaign:
+            return "stopCampaign";
+        case olvan::CommandRequest::kStartCollection:
+            return "startCollection";
+        case olvan::CommandRequest::kStopCollection:
+            return "stopCollection";
+        case olvan::CommandRequest::EVENT_ONEOF_NOT_SET:
+            break;
+    }
+    return "empty";
+}
+
+}  // namespace
+
+ZemDaemon::ZemDaemon(DaemonOptions options)
+    : options(std::move(options)), startTime(std::chrono::steady_clock::now()) {}
+
+double ZemDaemon::elapsed() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - startTime).count();
+}
+
+void ZemDaemon::emit(const char* event, const JsonObject& fields, const std::string& text,
+                     const std::vector<std::string>& extraLines) {
+    std::string out;
+    if (options.json) {
+        JsonObject head;
+        head.add("t", elapsed()).add("event", event);
+        out = "{" + head.fields() + (fields.fields().empty() ? "" : ",") + fields.fields() + "}\n";
+    } else {
+        char stamp[48];
+        snprintf(stamp, sizeof stamp, "[%8.3f] %-10s ", elapsed(), event);
+        out = stamp + text + "\n";
+    }
+    for (const std::string& line : extraLines) out += (options.json ? "" : "    ") + line + "\n";
+    std::lock_guard<std::mutex> lock(outMutex);
+    fwrite(out.data(), 1, out.size(), stdout);
+    fflush(stdout);
+}
+
+std::string ZemDaemon::clientName(const std::string& token) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto it = clients.find(token);
+    return it == clients.end() ? std::string() : it->second.name;
+}
+
+grpc::Status ZemDaemon::Register(grpc::ServerContext* /*context*/, const olvan::ClientInfo* request,
+                                 olvan::RegisterResponse* response) {
+    std::string token;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        // The pid keeps tokens of a restarted daemon apart from the old ones.
+        token = "zemd-" + std::to_string(getpid()) + "-" + std::to_string(nextToken++);
+        ClientRecord& rec = clients[token];
+        rec.name = request->name();
+        rec.major = request->major();
+        rec.minor = request->minor();
+    }
+    response->set_status(0);
+    response->set_token(token);
+
+    JsonObject f;
+    f.add("name", request->name())
+            .add("major", request->major())
+            .add("minor", request->minor())
+            .add("features", request->features_size())
+            .add("token", token);
+    emit("register", f,
+         "name=" + request->name() + " version=" + std::to_string(request->major()) + "." +
+                 std::to_string(request->minor()) + " token=" + token);
+    return grpc::Status::OK;
+}
+
+grpc::Status ZemDaemon::DeRegister(grpc::ServerContext* context, const olvan::Empty* /*request*/,
+                                   olvan::Response* response) {
+    const std::string token = metadata(context, "token");
+    const std::string clientid = metadata(context, "clientid");
+    std::string name;
+    bool known = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        const auto it = clients.find(token);
+        if (it != clients.end() && !it->second.deregistered) {
+            known = true;
+            name = it->second.name;
+            it->second.deregistered = true;
+        }
+    }
+    // A token this daemon never handed out (or already ended) is refused.
+    response->set_status(known ? 0 : 1);
+
+    JsonObject f;
+    f.add("token", token)
+            .add("clientid", clientid)
+            .add("name", name)
+            .add("known", known)
+            .add("status", known ? 0 : 1);
+    emit("deregister", f,
+         "token=" + token + (known ? " (" + name + ")" : " (unknown token, status 1)"));
+    return grpc::Status::OK;
+}
+
+std::string ZemDaemon::storeFile(const std::string& name, uint64_t seq, const std::string& bytes,
+                                 std::string* error) {
+    char num[32];
+    snprintf(num, sizeof num, "%06llu", static_cast<unsigned long long>(seq));
+    const std::string path = options.outDir + "/" + num + "-" + fileSafe(name) + ".kpidata";
+    FILE* f = fopen(path.c_str(), "wb");
+    if (f == nullptr) {
+        *error = path + ": " + strerror(errno);
+        return std::string();
+    }
+    const bool written = fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+    const int savedErrno = errno;
+    if (fclose(f) != 0 || !written) {
+        *error = path + ": " + strerror(written ? errno : savedErrno);
+        remove(path.c_str());
+        return std::string();
+    }
+    return path;
+}
+
+grpc::Status ZemDaemon::SendData(grpc::ServerContext* context, const olvan::Data* request,
+                                 olvan::Response* response) {
+    const std::string clientid = metadata(context, "clientid");
+    std::string name = clientName(clientid);
+    if (name.empty()) name = "unknown";
+    uint64_t seq;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        seq = ++fileSeq;
+    }
+
+    std::string stored;
+    if (!options.outDir.empty()) {
+        std::string error;
+        stored = storeFile(name, seq, request->data(), &error);
+        if (stored.empty()) {
+            JsonObject f;
+            f.add("clientid", clientid).add("name", name).add("error", error);
+            emit("error", f, "cannot store data from " + name + ": " + error);
+            // A transport-level failure: the client keeps its file.
+            return grpc::Status(grpc::StatusCode::INTERNAL, "zemd cannot store the file: " + error);
+        }
+    }
+
+    olvan::KPIData data;
+    const bool parsed = zemtools::decodeCacheBytes(request->data(), &data);
+    const size_t windows = parsed ? zemtools::windowCount(data) : 0;
+    JsonObject f;
+    f.add("clientid", clientid)
+            .add("token", metadata(context, "token"))
+            .add("name", name)
+            .add("bytes", uint64_t{request->data().size()})
+            .add("parsed", parsed)
+            .add("version", parsed ? olvan::KPIDataVersion_Name(data.version()) : "")
+            .add("windows", uint64_t{windows})
+            .add("filename", request->filename())
+            .add("file", stored);
+    std::vector<std::string> lines;
+    if (parsed) {
+        JsonObject prefix;
+        prefix.add("event", "window").add("clientid", clientid).add("file", stored);
+        lines = zemtools::formatWindows(data, options.json, prefix.fields() + ",");
+    }
+    emit("data", f,
+         "<- " + name + " " + std::to_string(request->data().size()) + " bytes, " +
+                 (parsed ? std::to_string(windows) + " windows" : "NOT a KPIData") +
+                 (stored.empty() ? "" : ", stored " + stored),
+         lines);
+    response->set_status(0);
+    return grpc::Status::OK;
+}
+
+olvan::CommandRequest ZemDaemon::makeCommand(Command command) {
+    olvan::CommandRequest c;
+    switch (command) {
+        case Command::kStartCampaign: {
+            auto* start = c.mutable_startcampaign();
+            start->set_campaignid(1);
+            options.campaign.SerializeToString(start->mutable_campaignconfig());
+            break;
+        }
+        case Command::kStopCampaign:
+            c.mutable_stopcampaign()->set_campaignid(1);
+            break;
+        case Command::kStartCollection:
+            c.mutable_startcollection()->add_counters("cpu");
+            break;
+        case Command::kStopCollection:
+            c.mutable_stopcollection()->add_counters("cpu");
+            break;
+        case Command::kEmpty:
+            break;
+    }
+    return c;
+}
+
+int ZemDaemon::queueCommand(Command command) {
+    if (command == Command::kStartCampaign && !options.haveCampaign) return -1;
+    const olvan::CommandRequest c = makeCommand(command);
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& s : streams) s->outbox.push_back(c);
+    cv.notify_all();
+    return static_cast<int>(streams.size());
+}
+
+void ZemDaemon::endStreams() {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& s : streams) s->endRequested = true;
+    cv.notify_all();
+}
+
+void ZemDaemon::shutdown() {
+    std::lock_guard<std::mutex> lock(mutex);
+    stopping = true;
+    cv.notify_all();
+}
+
+grpc::Status ZemDaemon::CommandStream(
+        grpc::ServerContext* context,
+        grpc::ServerReaderWriter<olvan::CommandRequest, olvan::CommandResponse>* stream) {
+    auto rec = std::make_shared<StreamRecord>();
+    rec->token = metadata(context, "clientid");
+    const std::string name = clientName(rec->token);
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) return grpc::Status(grpc::StatusCode::UNAVAILABLE, "zemd is shutting down");
+        streams.push_back(rec);
+        if (options.haveCampaign) rec->outbox.push_back(makeCommand(Command::kStartCampaign));
+    }
+    {
+        JsonObject f;
+        f.add("state", "open").add("clientid", rec->token).add("name", name);
+        emit("stream", f, "open clientid=" + rec->token + " (" + name + ")");
+    }
+
+    // Responses are read on a thread of their own so that this handler stays
+    // free to write commands when they are due.
+    std::thread reader([this, stream, rec, name] {
+        olvan::CommandResponse response;
+        while (stream->Read(&response)) {
+            JsonObject f;
+            f.add("clientid", rec->token)
+                    .add("name", name)
+                    .add("seq_no", uint64_t{response.seq_no()})
+                    .add("status", response.status());
+            emit("response", f,
+                 "<- " + name + " seq_no=" + std::to_string(response.seq_no()) +
+                         " status=" + std::to_string(response.status()));
+        }
+        std::lock_guard<std::mutex> lock(mutex);
+        rec->readerDone = true;
+        cv.notify_all();
+    });
+
+    using Clock = std::chrono::steady_clock;
+    bool stopDue = false;
+    Clock::time_point stopAt;
+    const char* reason = "client closed the stream";
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+        if (rec->readerDone) break;
+        if (stopping) {
+            reason = "daemon shutting down";
+            break;
+        }
+        if (rec->endRequested) {
+            reason = "ended by the daemon";
+            break;
+        }
+        if (!rec->outbox.empty()) {
+            olvan::CommandRequest c = std::move(rec->outbox.front());
+            rec->outbox.pop_front();
+            c.set_seq_no(nextSeq++);
+            lock.unlock();
+            const bool ok = stream->Write(c);
+            JsonObject f;
+            f.add("clientid", rec->token)
+                    .add("name", name)
+                    .add("command", commandName(c))
+                    .add("seq_no", uint64_t{c.seq_no()})
+                    .add("written", ok);
+            std::string text =
+                    "-> " + name + " " + commandName(c) + " seq_no=" + std::to_string(c.seq_no());
+            if (c.has_startcampaign()) {
+                text += " (" + std::to_string(options.campaign.kpicfgs_size()) + " KPIs, payload " +
+                        std::to_string(options.campaign.cfg_payload().size()) + " bytes)";
+            }
+            emit("command", f, text + (ok ? "" : " [write failed]"));
+            lock.lock();
+            if (c.has_startcampaign() && options.stopAfter > 0) {
+                stopDue = true;
+                stopAt = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                std::chrono::duration<double>(options.stopAfter));
+            }
+            if (c.has_stopcampaign()) stopDue = false;
+            continue;
+        }
+        if (stopDue && Clock::now() >= stopAt) {
+            stopDue = false;
+            rec->outbox.push_back(makeCommand(Command::kStopCampaign));
+            continue;
+        }
+        if (stopDue) {
+            cv.wait_until(lock, stopAt);
+        } else {
+            cv.wait(lock);
+        }
+    }
+    const bool readerDone = rec->readerDone;
+    streams.remove(rec);
+    lock.unlock();
+
+    // The reader may still wait for a response; cancelling ends its Read.
+    if (!readerDone) context->TryCancel();
+    reader.join();
+
+    JsonObject f;
+    f.add("state", "closed").add("clientid", rec->token).add("name", name).add("reason", reason);
+    emit("stream", f, "closed clientid=" + rec->token + " (" + name + "): " + reason);
+    return grpc::Status::OK;
+}

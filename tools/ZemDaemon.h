@@ -1,0 +1,109 @@
+// ZemDaemon: the olvan.SPC service of the reference daemon zemd.
+//
+// Hands out tokens, pushes the configured campaign to every client whose
+// command stream opens (and stops it after a configured time), stores and
+// decodes every delivered cache file, and prints one event line per call, as
+// readable text or as JSON lines.
+//
+// Owned by zemd's main(), which registers it with a gRPC server. Its handlers
+// run on the server's threads; each open command stream keeps one handler
+// thread (the stream's only writer) plus one reader thread of its own. The
+// control operations (queueCommand, endStreams, shutdown) may be called from
+// any thread. `mutex` guards the clients, the streams and the counters;
+// `outMutex` keeps each event's lines together on standard output.
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kpi.pb.h"
+#include "spc.grpc.pb.h"
+#include "tools/KPIDataFormat.h"
+
+struct DaemonOptions {
+    bool json = false;
+    // Folder that receives every delivered file; empty: files are only decoded.
+    std::string outDir;
+    bool haveCampaign = false;
+    LTCCampaignDef campaign;
+    // Seconds after a campaign start at which the daemon stops it; 0: never.
+    double stopAfter = 0;
+};
+
+class ZemDaemon final : public olvan::SPC::Service {
+  public:
+    explicit ZemDaemon(DaemonOptions options);
+
+    grpc::Status Register(grpc::ServerContext* context, const olvan::ClientInfo* request,
+                          olvan::RegisterResponse* response) override;
+    grpc::Status DeRegister(grpc::ServerContext* context, const olvan::Empty* request,
+                            olvan::Response* response) override;
+    grpc::Status SendData(grpc::ServerContext* context, const olvan::Data* request,
+                          olvan::Response* response) override;
+    grpc::Status CommandStream(grpc::ServerContext* context,
+                               grpc::ServerReaderWriter<olvan::CommandRequest,
+                                                        olvan::CommandResponse>* stream) override;
+
+    // Commands the control interface can send to every open stream.
+    enum class Command { kStartCampaign, kStopCampaign, kStartCollection, kStopCollection, kEmpty };
+
+    // Queues `command` on every open stream. Returns how many streams got it;
+    // -1 for kStartCampaign without a campaign.
+    int queueCommand(Command command);
+
+    // Ends every open command stream (the clients see their stream end).
+    void endStreams();
+
+    // Ends every stream handler and refuses new streams; call before the
+    // server's own Shutdown so that it does not wait on them.
+    void shutdown();
+
+    // Prints one event: `text` in readable mode, `fields` (after "t" and
+    // "event") in JSON mode, followed by `extraLines` as they stand.
+    void emit(const char* event, const zemtools::JsonObject& fields, const std::string& text,
+              const std::vector<std::string>& extraLines = {});
+
+  private:
+    struct ClientRecord {
+        std::string name;
+        int32_t major = 0;
+        int32_t minor = 0;
+        bool deregistered = false;
+    };
+    struct StreamRecord {
+        std::string token;
+        std::deque<olvan::CommandRequest> outbox;
+        bool endRequested = false;
+        bool readerDone = false;
+    };
+
+    olvan::CommandRequest makeCommand(Command command);
+    std::string clientName(const std::string& token);
+    std::string storeFile(const std::string& name, uint64_t seq, const std::string& bytes,
+                          std::string* error);
+    double elapsed() const;
+
+    const DaemonOptions options;
+    const std::chrono::steady_clock::time_point startTime;
+
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::map<std::string, ClientRecord> clients;
+    std::list<std::shared_ptr<StreamRecord>> streams;
+    bool stopping = false;
+    uint64_t nextToken = 1;
+    uint32_t nextSeq = 1;
+    uint64_t fileSeq = 0;
+
+    std::mutex outMutex;
+};
