@@ -21,6 +21,6 @@ class Counter : public KPI {
     bool validCfg() override;
     int Serialize() override;
 
-  private:
+  protected:
     uint64_t sum = 0;
 };

@@ -65,6 +65,7 @@ class Histogram : public KPI {
         return static_cast<uint32_t>(first - begin) + (*first < value ? 1 : 0);
     }
 
+  protected:
     const std::vector<uint32_t> bounds;
     const bool overflowEn;
     const bool underflowEn;

@@ -1,0 +1,373 @@
+// Aggregator behaviour seen from outside: the records a real serializer
+// writes to its cache file and the lines the aggregators log. Windows are
+// crossed with explicit clock readings, never by sleeping.
+#include "kpi/KPI.h"
+
+#include <google/protobuf/text_format.h>
+
+#include <algorithm>
+#include <climits>
+#include <random>
+
+#include "TestUtil.h"
+#include "kpi/Blob.h"
+#include "kpi/Counter.h"
+#include "kpi/Gauge.h"
+#include "kpi/Histogram.h"
+#include "kpi/StateMachine.h"
+#include "serializer/KPISerializer.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using TimePoint = KPI::TimePoint;
+using zem_test::countLogLines;
+
+const TimePoint kT0{nanoseconds(12340000000)};  // 12.34 s: 123 in record units
+
+KPICfg cfgOf(const std::string& text) {
+    KPICfg cfg;
+    EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &cfg)) << text;
+    return cfg;
+}
+
+std::string logLine(const char* cls, int n, TimePoint start, TimePoint end) {
+    return std::string(cls) + "::Serialize(), numSamples=" + std::to_string(n) +
+           ", tsStart=" + std::to_string(start.time_since_epoch().count()) +
+           ", tsEnd=" + std::to_string(end.time_since_epoch().count());
+}
+
+class KpiFixture : public testing::Test {
+  protected:
+    void SetUp() override { ASSERT_EQ(0, serializer.Initialize(4194304, 1)); }
+
+    std::unique_ptr<KPI> make(const std::string& text) {
+        std::unique_ptr<KPI> kpi = KPI::Create(cfgOf(text), serializer);
+        EXPECT_NE(kpi, nullptr) << text;
+        return kpi;
+    }
+
+    // Everything written so far, in write order. Ends the campaign.
+    olvan::KPIData records() {
+        serializer.Finalize();
+        olvan::KPIData all;
+        for (const std::string& name : dir.list())
+            all.MergeFrom(zem_test::parseCacheFile(dir.file(name)));
+        return all;
+    }
+
+    zem_test::TempDir dir;
+    KPISerializer serializer{dir.path(), nullptr};
+};
+
+// Suites are named in lower case so that selecting tests by "kpi" finds them.
+using kpi = KpiFixture;
+
+TEST_F(kpi, ValueSampleClosesAWindowOfNOnlyWhenSampleNPlusOneArrives) {
+    auto kpi = make("id: 7 type: KPI_NUMERIC subType: COUNTER nof_samples: 3");
+    const unsigned int values[] = {5, 7, 0, 100, 1, 2, 9};
+    for (int i = 0; i < 7; ++i) kpi->AddSampleAt(kT0 + milliseconds(100 * i), values[i]);
+    EXPECT_EQ(1u, kpi->sampleCount());  // 9 opened a window that is never flushed
+
+    const olvan::KPIData data = records();
+    ASSERT_EQ(2, data.counters_size());
+    EXPECT_EQ(12u, data.counters(0).value());
+    EXPECT_EQ(3u, data.counters(0).meta().nof_samples());
+    EXPECT_EQ(7u, data.counters(0).meta().id());
+    EXPECT_EQ(103u, data.counters(1).value());
+    // The closing sample opens the next window at its own time.
+    EXPECT_EQ(126u, data.counters(1).meta().ts_start());
+    EXPECT_EQ(128u, data.counters(1).meta().ts_end());
+}
+
+TEST_F(kpi, ValuelessSampleClosesTheWindowItCompletes) {
+    auto counter = make("type: KPI_NUMERIC subType: COUNTER nof_samples: 3");
+    for (int i = 0; i < 3; ++i) counter->AddSampleAt(kT0 + milliseconds(i));
+    EXPECT_EQ(0u, counter->sampleCount());
+
+    // A state KPI rolls windows the same way but never emits.
+    auto state = make("type: KPI_STATE nof_samples: 2");
+    for (int i = 0; i < 5; ++i) state->AddSampleAt(kT0, 1);
+    EXPECT_EQ(1u, state->sampleCount());
+
+    const olvan::KPIData data = records();
+    ASSERT_EQ(1, data.counters_size());
+    EXPECT_EQ(3u, data.counters(0).meta().nof_samples());
+    EXPECT_EQ(0u, data.counters(0).value());
+}
+
+TEST_F(kpi, DurationWindowHoldsWhileFewerWholeMillisecondsPassed) {
+    auto kpi = make("type: KPI_NUMERIC subType: COUNTER duration_msecs: 1000");
+    kpi->AddSampleAt(kT0, 1);
+    kpi->AddSampleAt(kT0 + milliseconds(999), 2);
+    kpi->AddSampleAt(kT0 + nanoseconds(999999999), 4);  // still 999 whole ms
+    kpi->AddSampleAt(kT0 + milliseconds(1000), 8);      // closes, opens at 1000
+    kpi->AddSampleAt(kT0 + milliseconds(1999), 16);
+    kpi->AddSampleAt(kT0 + milliseconds(2000), 32);
+
+    const olvan::KPIData data = records();
+    ASSERT_EQ(2, data.counters_size());
+    EXPECT_EQ(7u, data.counters(0).value());
+    EXPECT_EQ(3u, data.counters(0).meta().nof_samples());
+    EXPECT_EQ(123u, data.counters(0).meta().ts_start());  // tenths of a second
+    EXPECT_EQ(133u, data.counters(0).meta().ts_end());
+    EXPECT_EQ(24u, data.counters(1).value());
+    EXPECT_EQ(133u, data.counters(1).meta().ts_start());
+}
+
+TEST_F(kpi, WithoutWindowEverySampleEmitsThePreviousOneAndLogsIt) {
+    auto counter = make("type: KPI_NUMERIC subType: COUNTER");
+    auto gauge = make("type: KPI_NUMERIC subType: GAUGE");
+    auto histogram = make("type: KPI_NUMERIC subType: HISTOGRAM h_cfg { bucket_bounds: 10 }");
+    auto blob = make("type: KPI_BLOB b_cfg { singleSampleSizeTresholdBytes: 4 }");
+    const TimePoint t1 = kT0 + milliseconds(50);
+    const unsigned char byte = 1;
+    zem_test::LogCapture log;
+    for (KPI* kpi : {counter.get(), gauge.get()}) {
+        kpi->AddSampleAt(kT0, 4);
+        kpi->AddSampleAt(t1, 5);
+    }
+    histogram->AddSampleAt(kT0, 3);  // one bound, no flags: no bin takes it
+    static_cast<Blob&>(*blob).LogBufAt(kT0, &byte, 1);
+    const std::string& text = log.text();
+
+    // The first sample closes a window that never started.
+    EXPECT_EQ(3, countLogLines(text, 'I', "numSamples < 1, so skipping"));
+    EXPECT_EQ(1, countLogLines(text, 'I', logLine("Counter", 0, kT0, TimePoint{})));
+    EXPECT_EQ(1, countLogLines(text, 'I', logLine("Counter", 1, kT0, kT0)));
+    EXPECT_EQ(1, countLogLines(text, 'I', logLine("Gauge", 1, kT0, kT0)));
+    EXPECT_EQ(1, countLogLines(text, 'I', logLine("Histogram", 0, kT0, TimePoint{})));
+    EXPECT_EQ(1, countLogLines(text, 'I', logLine("Blob", 1, kT0, kT0)));
+
+    const olvan::KPIData data = records();
+    ASSERT_EQ(1, data.counters_size());
+    EXPECT_EQ(4u, data.counters(0).value());
+    EXPECT_EQ(1, data.gauges_size());
+    EXPECT_EQ(0, data.histograms_size());
+    EXPECT_EQ(1, data.blobs_size());
+}
+
+TEST_F(kpi, FactoryBuildsByTypeAndSubtypeAndRefusesTheRest) {
+    auto isA = [&](const std::string& text, auto* tag) {
+        std::unique_ptr<KPI> kpi = KPI::Create(cfgOf(text), serializer);
+        return kpi != nullptr && dynamic_cast<decltype(tag)>(kpi.get()) != nullptr;
+    };
+    EXPECT_TRUE(isA("type: KPI_NUMERIC subType: COUNTER", static_cast<Counter*>(nullptr)));
+    EXPECT_TRUE(isA("type: KPI_NUMERIC subType: GAUGE", static_cast<Gauge*>(nullptr)));
+    EXPECT_TRUE(isA("type: KPI_NUMERIC subType: HISTOGRAM h_cfg { bucket_bounds: 1 }",
+                    static_cast<Histogram*>(nullptr)));
+    EXPECT_TRUE(isA("type: KPI_STATE subType: GAUGE", static_cast<StateMachine*>(nullptr)));
+    EXPECT_TRUE(isA("type: KPI_BLOB subType: COUNTER b_cfg { singleSampleSizeTresholdBytes: 4 }",
+                    static_cast<Blob*>(nullptr)));
+    EXPECT_EQ(KPI_STATE, make("type: KPI_STATE")->GetType());
+
+    zem_test::LogCapture log;
+    EXPECT_EQ(nullptr, KPI::Create(cfgOf("type: KPI_NUMERIC"), serializer));
+    EXPECT_EQ(nullptr, KPI::Create(cfgOf("type: KPI_NUMERIC subType: 9"), serializer));
+    EXPECT_EQ(nullptr, KPI::Create(cfgOf("type: KPI_EVENT subType: COUNTER"), serializer));
+    EXPECT_EQ(nullptr, KPI::Create(cfgOf("type: KPIType_INVALID"), serializer));
+    EXPECT_EQ(nullptr, KPI::Create(cfgOf("type: 167772161 subType: COUNTER"), serializer));
+    const std::string& text = log.text();
+    EXPECT_EQ(1, countLogLines(text, 'E', "Unknown KPI Type: 201326592 to create"));
+    EXPECT_EQ(1, countLogLines(text, 'E', "Unknown KPI Type: 0 to create"));
+    EXPECT_EQ(1, countLogLines(text, 'E', "Unknown KPI Type: 167772161 to create"));
+    EXPECT_EQ(3, static_cast<int>(std::count(text.begin(), text.end(), '\n')));
+}
+
+TEST_F(kpi, GaugeReportsOnlyTheStatisticsAskedFor) {
+    auto all =
+            make("type: KPI_NUMERIC subType: GAUGE nof_samples: 3 "
+                 "g_cfg { min: true max: true mean: true }");
+    auto meanOnly = make("type: KPI_NUMERIC subType: GAUGE nof_samples: 3 g_cfg { mean: true }");
+    auto minOnly = make("type: KPI_NUMERIC subType: GAUGE nof_samples: 1 g_cfg { min: true }");
+    for (unsigned int v : {10u, 2u, 7u, 50u, 51u, 52u, 0u}) all->AddSampleAt(kT0, v);
+    for (unsigned int v : {5592407u, 5592407u, 5592407u, 0u}) meanOnly->AddSampleAt(kT0, v);
+    minOnly->AddSampleAt(kT0, UINT_MAX);
+    minOnly->AddSampleAt(kT0, 0);
+
+    const olvan::KPIData data = records();
+    ASSERT_EQ(4, data.gauges_size());
+    const olvan::Gauge& first = data.gauges(0);
+    EXPECT_EQ(2u, first.min());
+    EXPECT_EQ(10u, first.max());
+    EXPECT_EQ(static_cast<float>(19.0 / 3.0), first.mean());
+    // The second window starts from fresh extremes.
+    EXPECT_EQ(50u, data.gauges(1).min());
+    EXPECT_EQ(52u, data.gauges(1).max());
+    EXPECT_EQ(51.0f, data.gauges(1).mean());
+    // The quotient is taken in double and only then rounded: dividing the
+    // sum rounded to float first would give 5592406.5.
+    EXPECT_EQ(5592407.0f, data.gauges(2).mean());
+    // What was not requested is absent.
+    EXPECT_EQ(olvan::Gauge::MIN_ONEOF_NOT_SET, data.gauges(2).min_oneof_case());
+    EXPECT_EQ(olvan::Gauge::MAX_ONEOF_NOT_SET, data.gauges(2).max_oneof_case());
+    EXPECT_EQ(UINT_MAX, data.gauges(3).min());
+    EXPECT_EQ(olvan::Gauge::MEAN_ONEOF_NOT_SET, data.gauges(3).mean_oneof_case());
+}
+
+TEST_F(kpi, HistogramBinLayoutFollowsTheFlags) {
+    const std::string base =
+            "type: KPI_NUMERIC subType: HISTOGRAM h_cfg { bucket_bounds: [10, 20, 30] ";
+    const TimePoint late = kT0 + std::chrono::seconds(5);
+    auto feed = [&](const std::string& text, std::initializer_list<unsigned int> values) {
+        auto kpi = make(text);
+        for (unsigned int v : values) kpi->AddSampleAt(kT0, v);
+        return kpi;
+    };
+    auto none = feed(base + "} duration_msecs: 1000", {10, 11, 20, 21, 30});
+    // Dropped: neither counted nor moving the window end.
+    none->AddSampleAt(kT0 + milliseconds(500), 31);
+    none->AddSampleAt(late, 15);
+    feed(base + "underflow_en: true overflow_en: true } nof_samples: 6",
+         {0, 10, 11, 30, 31, UINT_MAX, 15});
+    feed(base + "underflow_en: true } nof_samples: 4", {5, 10, 31, 20, 30, 15});
+    // Above the last bound: counted, but into no emitted bin.
+    auto over = feed(base + "overflow_en: true } nof_samples: 4",
+                     {5, 11, 21, 31, UINT_MAX, 11, 11, 11, 11});
+    over->AddSampleAt(late, 15);
+
+    const olvan::KPIData data = records();
+    auto bins = [&](int i) {
+        const auto& b = data.histograms(i).bin_counts();
+        return std::vector<uint32_t>(b.begin(), b.end());
+    };
+    ASSERT_EQ(5, data.histograms_size());
+    EXPECT_EQ((std::vector<uint32_t>{2, 2}), bins(0));
+    EXPECT_EQ(123u, data.histograms(0).meta().ts_end());
+    EXPECT_EQ((std::vector<uint32_t>{2, 1, 1, 2}), bins(1));
+    EXPECT_EQ((std::vector<uint32_t>{2, 1, 1}), bins(2));
+    EXPECT_EQ((std::vector<uint32_t>{1, 1, 0}), bins(3));
+    EXPECT_EQ(4u, data.histograms(3).meta().nof_samples());
+    EXPECT_EQ((std::vector<uint32_t>{4, 0, 0}), bins(4));  // reset, spare never shows
+
+    // One bound without flags has no bin at all: nothing is ever counted.
+    auto single =
+            make("type: KPI_NUMERIC subType: HISTOGRAM nof_samples: 1 h_cfg { bucket_bounds: 5 }");
+    for (unsigned int v : {0u, 5u, 6u}) single->AddSampleAt(kT0, v);
+    EXPECT_EQ(0u, single->sampleCount());
+}
+
+TEST_F(kpi, HistogramBoundListLimits) {
+    std::string bounds;
+    for (int i = 0; i < 1024; ++i) bounds += " bucket_bounds: " + std::to_string(i);
+    const std::string head = "type: KPI_NUMERIC subType: HISTOGRAM h_cfg {";
+    EXPECT_NE(nullptr, KPI::Create(cfgOf(head + bounds + " }"), serializer));
+    EXPECT_EQ(nullptr, KPI::Create(cfgOf(head + bounds + " bucket_bounds: 9 }"), serializer));
+    // No bounds must be refused, not sized to 2^32-1 bins or overflowed.
+    EXPECT_EQ(nullptr, KPI::Create(cfgOf(head + " }"), serializer));
+    EXPECT_EQ(nullptr,
+              KPI::Create(cfgOf(head + " overflow_en: true underflow_en: true }"), serializer));
+    EXPECT_EQ(nullptr, KPI::Create(cfgOf("type: KPI_NUMERIC subType: HISTOGRAM"), serializer));
+}
+
+// The bisection used for ascending bounds must agree with the scan from the
+// front on every input, repeated bounds and values equal to bounds included.
+TEST_F(kpi, BucketSearchMatchesTheFrontToBackScan) {
+    std::mt19937 rng(20240601);
+    auto reference = [](const std::vector<uint32_t>& b, bool over, bool under, uint32_t v) {
+        const uint32_t n = static_cast<uint32_t>(b.size());
+        uint32_t i = 0;
+        while (i < n && b[i] < v) ++i;
+        if (!under && static_cast<int32_t>(i) < static_cast<int32_t>(n)) i -= 1;
+        if (over) return i;
+        return i == n ? Histogram::kNoBin : i;
+    };
+    for (int round = 0; round < 400; ++round) {
+        const bool ascending = round % 4 != 3;
+        std::vector<uint32_t> b(1 + rng() % (round % 5 == 0 ? 1024 : 20));
+        const uint32_t span = round % 2 ? 40 : UINT_MAX;  // small spans force repeats
+        for (uint32_t& x : b) x = rng() % span + (span == UINT_MAX ? rng() % 2 : 0);
+        if (ascending) std::sort(b.begin(), b.end());
+        KPICfg cfg = cfgOf("type: KPI_NUMERIC subType: HISTOGRAM");
+        cfg.mutable_h_cfg()->mutable_bucket_bounds()->Add(b.begin(), b.end());
+        cfg.mutable_h_cfg()->set_overflow_en(round & 1);
+        cfg.mutable_h_cfg()->set_underflow_en(round & 2);
+        Histogram h(cfg, serializer);
+        if (ascending) {
+            ASSERT_TRUE(h.boundsAscending());
+        }
+        for (int k = 0; k < 200; ++k) {
+            const uint32_t pick = b[rng() % b.size()];
+            const uint32_t v = k % 4 == 0   ? pick
+                               : k % 4 == 1 ? pick + 1
+                               : k % 4 == 2 ? pick - 1
+                                            : rng();
+            ASSERT_EQ(reference(b, round & 1, round & 2, v), h.findBucketId(v))
+                    << "round " << round << " value " << v;
+        }
+        for (uint32_t v : {0u, UINT_MAX})
+            ASSERT_EQ(reference(b, round & 1, round & 2, v), h.findBucketId(v));
+    }
+}
+
+TEST_F(kpi, BlobKeepsBuffersUpToTheThresholdAndJoinsThem) {
+    auto kpi = make("type: KPI_BLOB nof_samples: 3 b_cfg { singleSampleSizeTresholdBytes: 100 }");
+    auto* blob = static_cast<Blob*>(kpi.get());
+    const std::vector<unsigned char> big(101, 'x');
+    const unsigned char abc[] = {'a', 'b', 'c'};
+    EXPECT_EQ(-1, blob->LogBufAt(kT0, big.data(), 101));
+    EXPECT_EQ(0u, blob->sampleCount());
+    EXPECT_EQ(0, blob->LogBufAt(kT0, abc, 3));
+    EXPECT_EQ(0, blob->LogBufAt(kT0, nullptr, 0));
+    EXPECT_EQ(0, blob->LogBufAt(kT0, big.data(), 100));  // third sample closes the window
+    EXPECT_EQ(0u, blob->sampleCount());
+    EXPECT_EQ(0, blob->LogBufAt(kT0, abc + 1, 2));
+    EXPECT_EQ(0, blob->LogBufAt(kT0, abc, 1));
+    EXPECT_EQ(0, blob->LogBufAt(kT0, abc + 2, 1));
+
+    const olvan::KPIData data = records();
+    ASSERT_EQ(2, data.blobs_size());
+    EXPECT_EQ("abc" + std::string(100, 'x'), data.blobs(0).data());
+    EXPECT_EQ(3u, data.blobs(0).meta().nof_samples());
+    EXPECT_EQ("bcac", data.blobs(1).data());
+}
+
+TEST_F(kpi, BlobConfigurationLimitsAreInclusive) {
+    auto valid = [&](unsigned int size, unsigned int rate) {
+        KPICfg cfg = cfgOf("type: KPI_BLOB");
+        cfg.mutable_b_cfg()->set_singlesamplesizetresholdbytes(size);
+        cfg.mutable_b_cfg()->set_sampleratethresholdpersec(rate);
+        return KPI::Create(cfg, serializer) != nullptr;
+    };
+    EXPECT_TRUE(valid(4, 0));
+    EXPECT_TRUE(valid(524288, 1000));
+    EXPECT_FALSE(valid(3, 0));
+    EXPECT_FALSE(valid(524289, 0));
+    EXPECT_FALSE(valid(100, 1001));
+    EXPECT_EQ(nullptr, KPI::Create(cfgOf("type: KPI_BLOB"), serializer));
+}
+
+// Starts from nearly full counts, which would otherwise take 2^32 samples.
+class NearlyFullCounter : public Counter {
+  public:
+    using Counter::Counter;
+    void fill(uint64_t s, unsigned int n) { sum = s, numSamples = n; }
+};
+class NearlyFullHistogram : public Histogram {
+  public:
+    using Histogram::Histogram;
+    void fillBin(uint32_t i) { bins[i] = UINT_MAX; }
+};
+
+TEST(kpiDeathTest, CountsTerminateTheProcessInsteadOfWrapping) {
+    zem_test::TempDir dir;
+    KPISerializer serializer(dir.path(), nullptr);  // no writer thread: safe to fork
+    NearlyFullCounter counter(cfgOf("type: KPI_NUMERIC duration_msecs: 1000"), serializer);
+    counter.fill(ULLONG_MAX - 1, 2);
+    EXPECT_DEATH(counter.AddSampleAt(kT0, 2), "arithmetic overflow in Counter sum");
+    counter.fill(0, UINT_MAX);
+    EXPECT_DEATH(counter.AddSampleAt(kT0, 0), "arithmetic overflow in KPI numSamples");
+
+    const TimePoint earliest{nanoseconds(LLONG_MIN + 1)}, latest{nanoseconds(LLONG_MAX)};
+    NearlyFullCounter timed(cfgOf("type: KPI_NUMERIC duration_msecs: 1000"), serializer);
+    timed.AddSampleAt(earliest, 1);
+    EXPECT_DEATH(timed.AddSampleAt(latest, 1), "arithmetic overflow in KPI window elapsed time");
+
+    NearlyFullHistogram histogram(
+            cfgOf("type: KPI_NUMERIC nof_samples: 9 h_cfg { bucket_bounds: [1, 2] }"), serializer);
+    histogram.fillBin(0);
+    EXPECT_DEATH(histogram.AddSampleAt(kT0, 2), "arithmetic overflow in Histogram bin count");
+}
+
+}  // namespace
