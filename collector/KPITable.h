@@ -1,8 +1,11 @@
-// KPITable: the collector's KPIs by id, in ascending id order.
+// KPITable: the collector's KPIs by id, iterated in ascending id order.
 //
-// An ordered map kept as two sorted flat arrays: the ids alone, packed so a
-// lookup touches few cache lines, and the owned aggregators beside them.
-// Lookups are the per-sample hot path: no lock, no allocation.
+// The entries live in two sorted flat arrays (ids, owned aggregators), which
+// give the ordered walk that campaign stop needs. Lookups, the per-sample hot
+// path, go through an open-addressing hash index beside them: one multiply
+// and, at a load factor of at most one half, usually one probe of one cache
+// line, where a binary search over 1024 ids is a chain of ten dependent
+// loads. No lock, no allocation on lookup.
 //
 // Not thread-safe. The table is changed only while a campaign starts or
 // stops, when the application is not logging.
@@ -22,28 +25,31 @@ class KPITable {
 
     // The KPI with `id`, or null.
     KPI* find(uint32_t id) const {
-        // Branch-light lower bound over the packed ids.
-        const uint32_t* base = ids.data();
-        size_t n = ids.size();
-        if (n == 0) return nullptr;
-        while (n > 1) {
-            const size_t half = n / 2;
-            base = base[half] <= id ? base + half : base;
-            n -= half;
+        if (slots.empty()) return nullptr;
+        for (uint32_t i = slotOf(id);; i = (i + 1) & mask) {
+            const Slot& s = slots[i];
+            if (s.kpi == nullptr) return nullptr;
+            if (s.id == id) return s.kpi;
         }
-        return *base == id ? kpis[static_cast<size_t>(base - ids.data())].get() : nullptr;
     }
 
     // Stores `kpi` under `id`, replacing (and deleting) any KPI already there.
     void insertOrReplace(uint32_t id, std::unique_ptr<KPI> kpi) {
+        KPI* raw = kpi.get();
         auto it = std::lower_bound(ids.begin(), ids.end(), id);
         const size_t pos = static_cast<size_t>(it - ids.begin());
         if (it != ids.end() && *it == id) {
             kpis[pos] = std::move(kpi);
+            indexInsert(id, raw);
             return;
         }
         ids.insert(it, id);
         kpis.insert(kpis.begin() + static_cast<std::ptrdiff_t>(pos), std::move(kpi));
+        if (2 * ids.size() > slots.size()) {
+            rehash(std::max<size_t>(16, 4 * ids.size()));
+        } else {
+            indexInsert(id, raw);
+        }
     }
 
     // Calls fn(id, kpi) for every entry in ascending id order.
@@ -53,11 +59,50 @@ class KPITable {
     }
 
     void clear() {
+        slots.clear();
+        mask = 0;
+        shift = 32;
         kpis.clear();
         ids.clear();
     }
 
   private:
+    struct Slot {
+        uint32_t id = 0;
+        KPI* kpi = nullptr;  // null: free slot
+    };
+
+    // Fibonacci hashing: consecutive ids, the usual campaign layout, land in
+    // distinct slots.
+    uint32_t slotOf(uint32_t id) const { return (id * 0x9E3779B1u) >> shift; }
+
+    void indexInsert(uint32_t id, KPI* kpi) {
+        for (uint32_t i = slotOf(id);; i = (i + 1) & mask) {
+            Slot& s = slots[i];
+            if (s.kpi == nullptr || s.id == id) {
+                s.id = id;
+                s.kpi = kpi;
+                return;
+            }
+        }
+    }
+
+    void rehash(size_t minSlots) {
+        size_t n = 16;
+        int bits = 4;
+        while (n < minSlots) {
+            n *= 2;
+            ++bits;
+        }
+        slots.assign(n, Slot{});
+        mask = static_cast<uint32_t>(n - 1);
+        shift = 32 - bits;
+        for (size_t i = 0; i < ids.size(); ++i) indexInsert(ids[i], kpis[i].get());
+    }
+
+    std::vector<Slot> slots;
+    uint32_t mask = 0;
+    int shift = 32;
     std::vector<uint32_t> ids;
     std::vector<std::unique_ptr<KPI>> kpis;
 };

@@ -16,7 +16,7 @@
 namespace zem_test {
 
 class FakeTransport : public zemTransportClient {
-public:
+  public:
     struct Sent {
         std::string filename;
         std::string token;

@@ -60,7 +60,7 @@ LTCCampaignDef campaign(std::initializer_list<KPICfg> kpis, uint32_t size = 4096
 }
 
 class CollectorTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         gStartCalls = gStopCalls = 0;
         gStartResult = gStopResult = 0;
@@ -152,8 +152,9 @@ TEST_F(CollectorTest, DispatchChecksIdAndTypeWithTheirOwnCodes) {
     KPICfg state;
     state.set_id(3);
     state.set_type(KPI_STATE);
-    ASSERT_EQ(0, h->StartCampaign(
-                         campaign({counterCfg(1, 10), blobCfg(2, 10, 8), state}).SerializeAsString()));
+    ASSERT_EQ(0,
+              h->StartCampaign(
+                      campaign({counterCfg(1, 10), blobCfg(2, 10, 8), state}).SerializeAsString()));
 
     EXPECT_EQ(-1, zem_log(nullptr, 1, 1));
     EXPECT_EQ(-1, zem_log_event(nullptr, 1));
@@ -167,13 +168,13 @@ TEST_F(CollectorTest, DispatchChecksIdAndTypeWithTheirOwnCodes) {
     EXPECT_EQ(-1, zem_log_blob(h, 99, nullptr, 0));
 
     const uint8_t buf[9] = {};
-    EXPECT_EQ(-1, zem_log(h, 2, 1));              // numeric on a blob: -1
-    EXPECT_EQ(-2, zem_log_blob(h, 1, buf, 1));    // blob on a numeric: -2
-    EXPECT_EQ(-1, zem_log_event(h, 1));           // event on a numeric: -1
-    EXPECT_EQ(-2, zem_log_state(h, 1));           // state on a numeric: -2
-    EXPECT_EQ(0, zem_log_state(h, 3));            // accepted, records nothing
-    EXPECT_EQ(-1, zem_log_blob(h, 2, buf, 9));    // over the threshold
-    EXPECT_EQ(0, zem_log_blob(h, 2, buf, 8));     // at the threshold
+    EXPECT_EQ(-1, zem_log(h, 2, 1));            // numeric on a blob: -1
+    EXPECT_EQ(-2, zem_log_blob(h, 1, buf, 1));  // blob on a numeric: -2
+    EXPECT_EQ(-1, zem_log_event(h, 1));         // event on a numeric: -1
+    EXPECT_EQ(-2, zem_log_state(h, 1));         // state on a numeric: -2
+    EXPECT_EQ(0, zem_log_state(h, 3));          // accepted, records nothing
+    EXPECT_EQ(-1, zem_log_blob(h, 2, buf, 9));  // over the threshold
+    EXPECT_EQ(0, zem_log_blob(h, 2, buf, 8));   // at the threshold
     EXPECT_EQ(1u, h->kpiTable().find(2)->sampleCount());
     EXPECT_EQ(0u, h->kpiTable().find(3)->sampleCount());
     zem_deregister(h);
@@ -185,10 +186,10 @@ TEST_F(CollectorTest, CampaignLimitsAreInclusiveAndCheckedInOrder) {
         uint32_t size, time, kpis, payload;
         bool ok;
     } cases[] = {
-            {100, 1, 0, 0, true},           {4194304, 21600, 1024, 1048576, true},
-            {99, 60, 0, 0, false},          {4194305, 60, 0, 0, false},
-            {4096, 0, 0, 0, false},         {4096, 21601, 0, 0, false},
-            {4096, 60, 1025, 0, false},     {4096, 60, 0, 1048577, false},
+            {100, 1, 0, 0, true},       {4194304, 21600, 1024, 1048576, true},
+            {99, 60, 0, 0, false},      {4194305, 60, 0, 0, false},
+            {4096, 0, 0, 0, false},     {4096, 21601, 0, 0, false},
+            {4096, 60, 1025, 0, false}, {4096, 60, 0, 1048577, false},
     };
     for (const Case& c : cases) {
         LTCCampaignDef def;
@@ -243,7 +244,8 @@ TEST_F(CollectorTest, CampaignsMergeByIdAndStopAtTheFirstBadKpi) {
     EXPECT_EQ(-1, h->StartCampaign(campaign({counterCfg(10, 1), counterCfg(11, 1), event,
                                              counterCfg(13, 1), counterCfg(14, 1)})
                                            .SerializeAsString()));
-    EXPECT_EQ(1, countLogLines(cap.text(), 'E', "cam: error: could not create KPI id: 12 from KPICfg"));
+    EXPECT_EQ(1, countLogLines(cap.text(), 'E',
+                               "cam: error: could not create KPI id: 12 from KPICfg"));
     EXPECT_EQ(1, countLogLines(cap.text(), 'E', "Unknown KPI Type: 201326592 to create"));
     EXPECT_EQ(0, gStartCalls.load());
     EXPECT_EQ(3u, h->kpiTable().size());
@@ -394,8 +396,9 @@ TEST(CApi, BadConfigurationsGiveNullAndAnErrorLine) {
     c.cache_dir = nullptr;
     EXPECT_EQ(nullptr, zem_register(&c));
     const std::string& log = cap.text();
-    EXPECT_EQ(1, countLogLines(log, 'E', "zem_register: the configuration is NULL, no client "
-                                         "registered"))
+    EXPECT_EQ(1, countLogLines(log, 'E',
+                               "zem_register: the configuration is NULL, no client "
+                               "registered"))
             << log;
     EXPECT_EQ(1, countLogLines(log, 'E', "zem_register: name is NULL, no client registered"));
     EXPECT_EQ(1, countLogLines(log, 'E', "zem_register: cache_dir is NULL, no client registered"));
