@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs the library into a scratch prefix and builds the C example out of
+# tree against it, once through find_package(zem_sdk CONFIG) and once through
+# pkg-config; both programs must link the installed library and run.
+set -euo pipefail
+build=$1
+src=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+
+mkdir -p "$work/cmake-consumer"
+cat > "$work/cmake-consumer/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.18)
+project(consumer C)
+find_package(zem_sdk 1.0 CONFIG REQUIRED)
+find_package(Threads REQUIRED)
+add_executable(frame_pipeline "$src/examples/frame_pipeline.c")
+target_link_libraries(frame_pipeline PRIVATE zem_sdk::zem_sdk Threads::Threads)
+CMAKE
+cmake -S "$work/cmake-consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/cmake-build" >/dev/null
+
+export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig"
+cc -std=c99 -Wall -Werror -o "$work/pc-frame_pipeline" "$src/examples/frame_pipeline.c" \
+    $(pkg-config --cflags --libs zem_sdk) -pthread -Wl,-rpath,"$work/prefix/lib"
+
+for bin in "$work/cmake-build/frame_pipeline" "$work/pc-frame_pipeline"; do
+    if ! ldd "$bin" | grep -q "$work/prefix/lib/libzem_sdk.so"; then
+        echo "$bin does not use the installed library"; ldd "$bin"; exit 1
+    fi
+    "$bin" --help >/dev/null
+done
+echo "1 passed, 0 failed"
