@@ -1,0 +1,188 @@
+// Helpers for end-to-end tests that run zemd and clients as real processes:
+// a child process in its own process group with its output in files, and
+// readers for zemd's JSON event lines.
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "TestUtil.h"
+
+namespace zem_e2e {
+
+// One child process, its standard output and error in files, its standard
+// input a pipe. The child leads its own process group; destruction kills the
+// whole group, so nothing it started outlives the test. It also dies with the
+// test process.
+class Child {
+  public:
+    Child(const std::vector<std::string>& argv, const std::string& outFile,
+          const std::string& errFile)
+        : outPath(outFile), errPath(errFile) {
+        // Everything the child needs is prepared before fork: between fork and
+        // exec only async-signal-safe calls are made.
+        std::vector<char*> args;
+        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        int in[2];
+        if (pipe2(in, O_CLOEXEC) != 0) {
+            ADD_FAILURE() << "pipe2 failed";
+            return;
+        }
+        const pid_t parent = getpid();
+        pid = fork();
+        if (pid == 0) {
+            setpgid(0, 0);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) _exit(127);
+            const int out = open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            const int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (out < 0 || err < 0) _exit(127);
+            dup2(in[0], 0);
+            dup2(out, 1);
+            dup2(err, 2);
+            execv(args[0], args.data());
+            _exit(127);
+        }
+        close(in[0]);
+        stdinFd = in[1];
+        if (pid < 0) ADD_FAILURE() << "fork failed";
+        // Also in the parent, so that the group exists before anyone kills it.
+        if (pid > 0) setpgid(pid, pid);
+    }
+
+    ~Child() {
+        closeStdin();
+        if (pid > 0 && !reaped) {
+            kill(-pid, SIGKILL);
+            kill(pid, SIGKILL);
+            int status;
+            waitpid(pid, &status, 0);
+        }
+    }
+
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    void send(const std::string& line) {
+        const std::string text = line + "\n";
+        if (stdinFd < 0 ||
+            write(stdinFd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+            ADD_FAILURE() << "cannot write '" << line << "' to the child";
+        }
+    }
+
+    void closeStdin() {
+        if (stdinFd >= 0) close(stdinFd);
+        stdinFd = -1;
+    }
+
+    void signal(int sig) {
+        if (pid > 0 && !reaped) kill(pid, sig);
+    }
+
+    // Waits for the child to exit; its exit status, or -1 after `timeout`
+    // (or when it died of a signal: 128 + the signal).
+    int waitExit(std::chrono::milliseconds timeout = std::chrono::seconds(15)) {
+        if (reaped) return exitStatus;
+        const auto end = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            int status;
+            if (waitpid(pid, &status, WNOHANG) == pid) {
+                reaped = true;
+                exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+                // Whatever it left in its group goes too.
+                kill(-pid, SIGKILL);
+                return exitStatus;
+            }
+            if (std::chrono::steady_clock::now() > end) return -1;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+
+    std::string out() const { return zem_test::readFile(outPath); }
+    std::string err() const { return zem_test::readFile(errPath); }
+
+    pid_t pid = -1;
+
+  private:
+    std::string outPath, errPath;
+    int stdinFd = -1;
+    bool reaped = false;
+    int exitStatus = -1;
+};
+
+inline std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) out.push_back(line);
+    return out;
+}
+
+// The raw value of `key` in a flat JSON object line: a string's characters
+// (escapes kept as they are), or a number, literal or array as written.
+inline std::string jsonField(const std::string& line, const std::string& key) {
+    const std::string k = "\"" + key + "\":";
+    size_t pos = line.find(k);
+    if (pos == std::string::npos) return "<absent>";
+    pos += k.size();
+    if (line[pos] == '"') {
+        size_t end = pos + 1;
+        while (end < line.size() && !(line[end] == '"' && line[end - 1] != '\\')) ++end;
+        return line.substr(pos + 1, end - pos - 1);
+    }
+    const char close = line[pos] == '[' ? ']' : '\0';
+    size_t end = pos;
+    if (close) {
+        end = line.find(']', pos) + 1;
+    } else {
+        while (end < line.size() && line[end] != ',' && line[end] != '}') ++end;
+    }
+    return line.substr(pos, end - pos);
+}
+
+// zemd's JSON lines of one event kind, optionally narrowed by `field` = `value`.
+inline std::vector<std::string> events(const std::string& output, const std::string& event,
+                                       const std::string& field = "",
+                                       const std::string& value = "") {
+    std::vector<std::string> out;
+    for (const std::string& line : lines(output)) {
+        if (jsonField(line, "event") != event) continue;
+        if (!field.empty() && jsonField(line, field) != value) continue;
+        out.push_back(line);
+    }
+    return out;
+}
+
+inline int count(const std::string& text, const std::string& needle) {
+    int n = 0;
+    for (size_t pos = text.find(needle); pos != std::string::npos;
+         pos = text.find(needle, pos + needle.size())) {
+        ++n;
+    }
+    return n;
+}
+
+// Polls `cond` every 10 ms until it holds or `timeout` passes.
+inline bool eventually(const std::function<bool()>& cond,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(15)) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+}  // namespace zem_e2e
