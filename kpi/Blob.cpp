@@ -52,6 +52,8 @@ int Blob::Serialize() {
         ZEM_LOGI("numSamples < 1, so skipping");
         return 0;
     }
+    // A record of its own: kept between windows it would hold on to the
+    // largest window's bytes.
     olvan::KPIData data;
     olvan::Blob* blob = data.add_blobs();
     fillMeta(blob->mutable_meta());

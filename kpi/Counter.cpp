@@ -27,7 +27,7 @@ int Counter::Serialize() {
         ZEM_LOGI("numSamples < 1, so skipping");
         return 0;
     }
-    olvan::KPIData data;
+    olvan::KPIData& data = emptyRecord();
     olvan::Counter* counter = data.add_counters();
     fillMeta(counter->mutable_meta());
     counter->set_value(sum);

@@ -37,7 +37,7 @@ int Gauge::Serialize() {
         ZEM_LOGI("numSamples < 1, so skipping");
         return 0;
     }
-    olvan::KPIData data;
+    olvan::KPIData& data = emptyRecord();
     olvan::Gauge* gauge = data.add_gauges();
     fillMeta(gauge->mutable_meta());
     if (wantMean) {

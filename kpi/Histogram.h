@@ -5,9 +5,11 @@
 // the bin counts once per window. A value outside every bin is dropped
 // uncounted.
 //
-// Bounds are meant to ascend but are not required to: ascending lists
-// (repeats allowed) are searched by bisection, other lists by a scan from
-// the front, and both give the first bound not below the value.
+// Bounds are meant to ascend but are not required to (repeats are allowed,
+// order is not checked). Ascending lists are searched without data-dependent
+// branches, through a table indexed by the value when the bounds are spread
+// out (fixed-width bins) and by counting bounds sixteen at a time otherwise;
+// other lists are scanned from the front.
 //
 // Owned by the collector's KPI table; called on the logging thread, no lock.
 #pragma once
@@ -35,42 +37,48 @@ class Histogram : public KPI {
     // The bin index of `value`, or kNoBin. With overflow_en but not
     // underflow_en, a value above the last bound gets index numBins: it is
     // counted as a sample but lands in no emitted bin.
-    uint32_t findBucketId(unsigned int value) const {
-        const uint32_t n = static_cast<uint32_t>(bounds.size());
-        uint32_t i = sorted ? firstNotBelowSorted(value) : firstNotBelowByScan(value);
-        if (!underflowEn && static_cast<int32_t>(i) < static_cast<int32_t>(n)) i -= 1;
-        if (overflowEn) return i;
-        return i == n ? kNoBin : i;
-    }
+    uint32_t findBucketId(unsigned int value) const;
+
+    // How the first bound not below a value is found, chosen once from the
+    // bound list. All give what a scan from the front gives.
+    enum class Search : uint8_t {
+        kScan,    // bounds out of order: scan from the front
+        kRadix,   // ascending and spread out: a table indexed by the value
+        kBlocks,  // ascending otherwise: sixteen-wide counts, in two levels
+                  // when there are more than 16 bounds
+    };
+    Search search() const { return searchKind; }
 
     // Index of the first bound >= value in list order, or the bound count.
     uint32_t firstNotBelowByScan(unsigned int value) const;
 
     uint32_t binCount() const { return numBins; }
-    bool boundsAscending() const { return sorted; }
-
-  private:
-    // Lower bound by bisection without data-dependent branches, so random
-    // values cost the same as repeated ones. Valid for ascending bounds.
-    uint32_t firstNotBelowSorted(unsigned int value) const {
-        const uint32_t* const begin = bounds.data();
-        const uint32_t* first = begin;
-        size_t len = bounds.size();
-        if (len == 0) return 0;
-        while (len > 1) {
-            const size_t half = len / 2;
-            first += first[half - 1] < value ? half : 0;
-            len -= half;
-        }
-        return static_cast<uint32_t>(first - begin) + (*first < value ? 1 : 0);
-    }
 
   protected:
+    void buildSearch();
+    // For ascending bounds the first bound >= value is the number of bounds
+    // below the value. These count them without a data-dependent branch, so
+    // scattered values cost what repeated ones do.
+    uint32_t firstNotBelowRadix(unsigned int value) const;
+    uint32_t firstNotBelowBlocks(unsigned int value) const;
+
     const std::vector<uint32_t> bounds;
     const bool overflowEn;
     const bool underflowEn;
-    const bool sorted;
+    Search searchKind = Search::kScan;
+    uint8_t radixShift = 0;
+    uint32_t radixBase = 0;
+    uint32_t radixLast = 0;
     uint32_t numBins = 0;
+    // The bounds followed by at least one whole block of 0xFFFFFFFF pads (a
+    // pad is below no value, so it never counts), in blocks of 16.
+    std::vector<uint32_t> blocks;
+    // kBlocks with more than one block: the last bound of every block,
+    // padded to whole blocks.
+    std::vector<uint32_t> blockLasts;
+    // kRadix: entry j holds the number of bounds below the smallest value
+    // that maps to j; no entry's value range holds more than one bound.
+    std::vector<uint16_t> radix;
     // numBins counters plus one spare slot that takes the samples above the
     // last bound when only overflow_en is set. The spare is never emitted
     // nor reset; it only keeps that index inside the array.

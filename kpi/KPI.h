@@ -122,10 +122,20 @@ class KPI {
     KPISerializer& serializer;
     const KPICfg cfg;
 
+    // An empty record to build the closing window's record in. The record
+    // is kept between windows so that its sub-messages and arrays are
+    // reused instead of allocated and freed on every close.
+    olvan::KPIData& emptyRecord() {
+        record.Clear();
+        return record;
+    }
+
   private:
     // Emits and resets the window that is over, and opens the next at `now`.
     // Kept out of line: it runs once per window, not once per sample.
     void closeWindow(TimePoint now);
+
+    olvan::KPIData record;
 };
 
 // Whole seconds of wall-clock time since the Unix epoch.

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <climits>
 #include <random>
+#include <set>
 
 #include "TestUtil.h"
 #include "kpi/Blob.h"
@@ -261,8 +262,9 @@ TEST_F(kpi, HistogramBoundListLimits) {
     EXPECT_EQ(nullptr, KPI::Create(cfgOf("type: KPI_NUMERIC subType: HISTOGRAM"), serializer));
 }
 
-// The bisection used for ascending bounds must agree with the scan from the
-// front on every input, repeated bounds and values equal to bounds included.
+// Every search the histogram may pick must agree with the scan from the
+// front: repeated bounds, values equal to, next to and between bounds, and
+// lists that are evenly spread, clustered, random or out of order.
 TEST_F(kpi, BucketSearchMatchesTheFrontToBackScan) {
     std::mt19937 rng(20240601);
     auto reference = [](const std::vector<uint32_t>& b, bool over, bool under, uint32_t v) {
@@ -273,32 +275,45 @@ TEST_F(kpi, BucketSearchMatchesTheFrontToBackScan) {
         if (over) return i;
         return i == n ? Histogram::kNoBin : i;
     };
-    for (int round = 0; round < 400; ++round) {
-        const bool ascending = round % 4 != 3;
-        std::vector<uint32_t> b(1 + rng() % (round % 5 == 0 ? 1024 : 20));
-        const uint32_t span = round % 2 ? 40 : UINT_MAX;  // small spans force repeats
-        for (uint32_t& x : b) x = rng() % span + (span == UINT_MAX ? rng() % 2 : 0);
-        if (ascending) std::sort(b.begin(), b.end());
+    std::set<Histogram::Search> used;
+    for (int round = 0; round < 600; ++round) {
+        std::vector<uint32_t> b(1 + rng() % (round % 5 == 0 ? 1024 : 40));
+        const uint32_t step = 1 + rng() % (UINT_MAX / static_cast<uint32_t>(b.size()));
+        const uint32_t start = rng() % (UINT_MAX - step * (b.size() - 1) + 1);
+        for (size_t i = 0; i < b.size(); ++i) {
+            switch (round % 4) {
+                case 0:  // evenly spread, slightly jittered
+                    b[i] = start + static_cast<uint32_t>(i) * step + rng() % (step / 4 + 1);
+                    break;
+                case 1:  // clustered: many repeats
+                    b[i] = rng() % 40;
+                    break;
+                default:  // random; case 3 stays out of order
+                    b[i] = rng() % UINT_MAX + rng() % 2;
+            }
+        }
+        if (round % 4 != 3) std::sort(b.begin(), b.end());
         KPICfg cfg = cfgOf("type: KPI_NUMERIC subType: HISTOGRAM");
         cfg.mutable_h_cfg()->mutable_bucket_bounds()->Add(b.begin(), b.end());
         cfg.mutable_h_cfg()->set_overflow_en(round & 1);
         cfg.mutable_h_cfg()->set_underflow_en(round & 2);
         Histogram h(cfg, serializer);
-        if (ascending) {
-            ASSERT_TRUE(h.boundsAscending());
-        }
-        for (int k = 0; k < 200; ++k) {
-            const uint32_t pick = b[rng() % b.size()];
-            const uint32_t v = k % 4 == 0   ? pick
-                               : k % 4 == 1 ? pick + 1
-                               : k % 4 == 2 ? pick - 1
-                                            : rng();
+        used.insert(h.search());
+        auto check = [&](uint32_t v) {
             ASSERT_EQ(reference(b, round & 1, round & 2, v), h.findBucketId(v))
                     << "round " << round << " value " << v;
+        };
+        for (int k = 0; k < 200; ++k) {
+            const uint32_t pick = b[rng() % b.size()];
+            check(pick);
+            check(pick + 1);
+            check(pick - 1);
+            check(rng());
         }
-        for (uint32_t v : {0u, UINT_MAX})
-            ASSERT_EQ(reference(b, round & 1, round & 2, v), h.findBucketId(v));
+        check(0);
+        check(UINT_MAX);
     }
+    EXPECT_EQ(3u, used.size());
 }
 
 TEST_F(kpi, BlobKeepsBuffersUpToTheThresholdAndJoinsThem) {
