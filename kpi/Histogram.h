@@ -49,13 +49,12 @@ class Histogram : public KPI {
     };
     Search search() const { return searchKind; }
 
-    // Index of the first bound >= value in list order, or the bound count.
-    uint32_t firstNotBelowByScan(unsigned int value) const;
-
     uint32_t binCount() const { return numBins; }
 
   protected:
     void buildSearch();
+    // Index of the first bound >= value in list order, or the bound count.
+    uint32_t firstNotBelowByScan(unsigned int value) const;
     // For ascending bounds the first bound >= value is the number of bounds
     // below the value. These count them without a data-dependent branch, so
     // scattered values cost what repeated ones do.
@@ -70,8 +69,8 @@ class Histogram : public KPI {
     uint32_t radixBase = 0;
     uint32_t radixLast = 0;
     uint32_t numBins = 0;
-    // The bounds followed by at least one whole block of 0xFFFFFFFF pads (a
-    // pad is below no value, so it never counts), in blocks of 16.
+    // The bounds followed by at least one whole block of 0xFFFFFFFF pads (no
+    // value is above a pad, so a pad never counts), in blocks of 16.
     std::vector<uint32_t> blocks;
     // kBlocks with more than one block: the last bound of every block,
     // padded to whole blocks.

@@ -113,8 +113,8 @@ class KPI {
     // The fields every sample touches sit together at the front, window
     // kind and limit copied out of the immutable configuration.
     unsigned int numSamples = 0;
-    unsigned int windowLimit;  // samples, or milliseconds when byDuration
-    TimePoint tsStart{};       // zero: the window has not started
+    const unsigned int windowLimit;  // samples, or milliseconds when byDuration
+    TimePoint tsStart{};             // zero: the window has not started
     TimePoint tsEnd{};
     const KPIType type;
     const bool byDuration;
