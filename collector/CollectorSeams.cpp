@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "transport/zemAIDLClient.h"
 #include "transport/zemGRPCClient.h"
 
 namespace zem {
@@ -17,6 +18,8 @@ std::chrono::milliseconds gRetryDelay = kDefaultRetryDelay;
 
 std::shared_ptr<zemTransportClient> makeDefaultTransport(uint32_t transport) {
     switch (transport) {
+        case 1:
+            return zemAIDLClient::getClientInstance();
         case 2:
             return std::make_shared<zemGRPCClient>();
         default:

@@ -1,0 +1,320 @@
+#include "transport/zemAIDLClient.h"
+
+#include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
+#include <binder/Stability.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+#include "collector/zem_collector.h"
+#include "common/ZemLog.h"
+
+using android::defaultServiceManager;
+using android::IBinder;
+using android::ProcessState;
+using android::sp;
+using android::String16;
+using android::wp;
+using android::binder::Status;
+
+namespace {
+
+const char* const kServiceName = "vendor_zemsdkservice";
+
+// The daemon's service binder and the one death recipient, shared by every
+// instance of the process.
+std::mutex gBinderMutex;
+sp<IBinder> zemBinder;
+sp<zemAIDLClient::DeathRecipientImpl> handleOlvDeath;
+
+std::vector<uint8_t> readWholeFile(const std::string& filename) {
+    std::ifstream in(filename, std::ios::binary);
+    if (!in) return {};
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in),
+                                std::istreambuf_iterator<char>());
+}
+
+}  // namespace
+
+std::mutex zemAIDLClient::clientPtrMutex;
+std::shared_ptr<zemAIDLClient> zemAIDLClient::clientPtr;
+
+std::shared_ptr<zemAIDLClient> zemAIDLClient::getClientInstance() {
+    std::lock_guard<std::mutex> lock(clientPtrMutex);
+    if (!clientPtr) clientPtr.reset(new zemAIDLClient());
+    return clientPtr;
+}
+
+void zemAIDLClient::resetClientPtr(const zemAIDLClient* self) {
+    std::shared_ptr<zemAIDLClient> old;
+    {
+        std::lock_guard<std::mutex> lock(clientPtrMutex);
+        if (clientPtr.get() == self) old = std::move(clientPtr);
+    }
+    // `old` may be the last reference: the instance goes outside the lock.
+}
+
+zemAIDLClient::~zemAIDLClient() = default;
+
+bool zemAIDLClient::setZEMBinder() {
+    static const char* const kOp = "setZEMBinder";
+    ZEM_LOGI("%s - getting new instance of zem client binder", kOp);
+    const sp<android::IServiceManager> sm = defaultServiceManager();
+    const String16 name(kServiceName);
+    if (sm->checkService(name) == nullptr) {
+        ZEM_LOGE("%s - zemsdkservice service not available yet", kOp);
+        return false;
+    }
+    const sp<IBinder> binder = sm->getService(name);
+    sp<IBinder> previous;
+    {
+        std::lock_guard<std::mutex> lock(gBinderMutex);
+        previous = zemBinder;
+        zemBinder = binder;
+    }
+    previous.clear();
+    if (binder == nullptr) {
+        ZEM_LOGE("%s - getService failed", kOp);
+        return false;
+    }
+    ZEM_LOGI("%s - got new instance of zem client binder", kOp);
+    sp<DeathRecipientImpl> recipient;
+    {
+        std::lock_guard<std::mutex> lock(gBinderMutex);
+        if (handleOlvDeath == nullptr) handleOlvDeath = new DeathRecipientImpl();
+        recipient = handleOlvDeath;
+    }
+    const android::status_t linked = binder->linkToDeath(recipient, nullptr, 0);
+    ZEM_LOGI("%s: linkToDeath status: %d", kOp, linked);
+
+    sp<IZEMManager> made = new BpZEMManager(binder);
+    std::lock_guard<std::mutex> lock(stateMutex);
+    manager = made;
+    return true;
+}
+
+int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*version*/,
+                                      zem_collector* collector) {
+    static const char* const kOp = "registerClient";
+    ZEM_LOGI("%s: called", kOp);
+    const sp<ProcessState> ps = ProcessState::self();
+    if (ps == nullptr) {
+        ZEM_LOGE("%s: ProcessState init failed", kOp);
+        return -1;
+    }
+    ps->startThreadPool();
+    ZEM_LOGI("%s - created threadpool", kOp);
+
+    std::lock_guard<std::mutex> calls(mutex);
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        registering[collector] = false;
+    }
+    // Every way out of here ends the registration's bookkeeping.
+    struct Done {
+        zemAIDLClient* self;
+        zem_collector* collector;
+        ~Done() {
+            std::lock_guard<std::mutex> lock(self->stateMutex);
+            self->registering.erase(collector);
+        }
+    } done{this, collector};
+
+    sp<IZEMManager> m;
+    sp<ZEMCallbackImpl> cb;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        m = manager;
+    }
+    if (m == nullptr) {
+        if (!setZEMBinder()) {
+            resetClientPtr(this);
+            ZEM_LOGE("%s failed to set zem binder", kOp);
+            return -1;
+        }
+    }
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        if (callback == nullptr) callback = new ZEMCallbackImpl();
+        m = manager;
+        cb = callback;
+    }
+
+    std::string token;
+    const Status status = m->registerZEMClient(name, cb, &token);
+    if (!status.isOk()) {
+        ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+        return -1;
+    }
+    ZEM_LOGI("%s success. Token received - %s", kOp, token.c_str());
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        // A collector forgotten meanwhile is being destroyed: it must not
+        // enter the table, or a later event would reach freed memory.
+        if (registering[collector]) return -1;
+        collectors[token] = collector;
+    }
+    if (collector != nullptr) collector->setToken(token);
+
+    // The entry exists before the daemon is asked, so an event pushed in
+    // answer finds its collector.
+    m->checkForPendingCampaign(token);
+    return 0;
+}
+
+int32_t zemAIDLClient::sendData(const std::string& filename, const std::string& token) {
+    static const char* const kOp = "sendData";
+    ZEM_LOGI("%s called for token - %s", kOp, token.c_str());
+    sp<IZEMManager> m;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        m = manager;
+    }
+    if (m == nullptr) {
+        ZEM_LOGE("%s - Failed to get zem manager handle", kOp);
+        return -1;
+    }
+    std::lock_guard<std::mutex> calls(mutex);
+    const std::vector<uint8_t> content = readWholeFile(filename);
+    ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(content.size()));
+    bool ok = false;
+    const Status status = m->sendData(content, token, &ok);
+    if (!status.isOk()) {
+        ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+        return -1;
+    }
+    remove(filename.c_str());
+    return 0;
+}
+
+int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
+    static const char* const kOp = "deRegisterClient";
+    ZEM_LOGI("%s called for token - %s", kOp, token.c_str());
+    sp<IZEMManager> m;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        m = manager;
+    }
+    if (m == nullptr) {
+        ZEM_LOGE("%s - Failed to get zem manager handle", kOp);
+        return -1;
+    }
+    std::lock_guard<std::mutex> calls(mutex);
+    const Status status = m->deregisterZEMClient(token);
+    if (!status.isOk()) {
+        ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+        return -1;
+    }
+    return 0;
+}
+
+void zemAIDLClient::forgetCollector(zem_collector* collector) {
+    std::unique_lock<std::mutex> lock(stateMutex);
+    for (auto it = collectors.begin(); it != collectors.end();) {
+        if (it->second == collector) {
+            it = collectors.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    auto reg = registering.find(collector);
+    if (reg != registering.end()) reg->second = true;
+    // A call made by this very thread (the collector going away from inside
+    // its own callback) cannot be waited for.
+    const std::thread::id self = std::this_thread::get_id();
+    callsDone.wait(lock, [&] {
+        auto range = inFlight.equal_range(collector);
+        for (auto it = range.first; it != range.second; ++it) {
+            if (it->second != self) return false;
+        }
+        return true;
+    });
+}
+
+void zemAIDLClient::beginCall(zem_collector* collector) {
+    inFlight.emplace(collector, std::this_thread::get_id());
+}
+
+void zemAIDLClient::endCall(zem_collector* collector) {
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        auto range = inFlight.equal_range(collector);
+        for (auto it = range.first; it != range.second; ++it) {
+            if (it->second == std::this_thread::get_id()) {
+                inFlight.erase(it);
+                break;
+            }
+        }
+    }
+    callsDone.notify_all();
+}
+
+template <typename Fn>
+bool zemAIDLClient::callCollector(const std::string& token, Fn&& fn) {
+    zem_collector* collector = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        auto it = collectors.find(token);
+        if (it == collectors.end()) return false;
+        collector = it->second;
+        beginCall(collector);
+    }
+    fn(collector);
+    endCall(collector);
+    return true;
+}
+
+zemAIDLClient::ZEMCallbackImpl::ZEMCallbackImpl() {
+    android::internal::Stability::markCompilationUnit(this);
+}
+
+Status zemAIDLClient::ZEMCallbackImpl::onCampaignEvent(int32_t eventType, int64_t campaignId,
+                                                       const std::vector<uint8_t>& campaignConfig,
+                                                       int32_t /*eventArg*/,
+                                                       const std::string& token, int32_t* result) {
+    static const char* const kOp = "onCampaignEvent";
+    *result = -1;
+    const std::shared_ptr<zemAIDLClient> client = getClientInstance();
+    const bool found = client && client->callCollector(token, [&](zem_collector* collector) {
+        // Stop is tested before start.
+        if (eventType == IZEMCallback::kCampaignStop) {
+            ZEM_LOGI("%s - camp stop event received, token - %s", kOp, token.c_str());
+            *result = collector->StopCampaign();
+        } else if (eventType == IZEMCallback::kCampaignStart) {
+            ZEM_LOGI("%s - camp start event received, camp Id - %d, token - %s", kOp,
+                     static_cast<int>(campaignId), token.c_str());
+            const std::string config(campaignConfig.begin(), campaignConfig.end());
+            *result = collector->StartCampaign(config);
+        }
+    });
+    if (!found) ZEM_LOGE("%s - No entry found for token: %s", kOp, token.c_str());
+    return Status::ok();
+}
+
+void zemAIDLClient::DeathRecipientImpl::binderDied(const wp<IBinder>& /*who*/) {
+    ZEM_LOGI("DeathRecipientImpl - ZEM Server has died");
+    // Held for the whole call: the collectors below drop their references.
+    const std::shared_ptr<zemAIDLClient> client = getClientInstance();
+    std::vector<std::pair<std::string, zem_collector*>> entries;
+    {
+        std::lock_guard<std::mutex> lock(client->stateMutex);
+        entries.assign(client->collectors.begin(), client->collectors.end());
+    }
+    for (const auto& entry : entries) {
+        resetClientPtr(client.get());
+        // An entry forgotten since the snapshot is skipped.
+        zem_collector* collector = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(client->stateMutex);
+            auto it = client->collectors.find(entry.first);
+            if (it == client->collectors.end() || it->second != entry.second) continue;
+            collector = it->second;
+            client->beginCall(collector);
+        }
+        collector->LostConn();
+        client->endCall(collector);
+    }
+}

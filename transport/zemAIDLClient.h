@@ -1,0 +1,131 @@
+// zemAIDLClient: the binder transport to the collection daemon's service
+// "vendor_zemsdkservice".
+//
+// One instance per process, shared by every collector that registers over
+// binder (getClientInstance). It holds the daemon's IZEMManager proxy, one
+// callback object (ZEMCallbackImpl) through which the daemon pushes campaign
+// events for all collectors, and the table from registration token to
+// collector. A death recipient tells every registered collector when the
+// daemon goes away; the collectors then register again, which builds a fresh
+// instance. Collectors hold the instance through shared pointers; the
+// process-wide pointer `clientPtr` holds it until a failed connection or the
+// daemon's death drops it.
+//
+// Threads: registerClient runs on collectors' registration threads, sendData
+// on writer threads or a thread stopping a campaign, deRegisterClient and
+// forgetCollector on application threads; onCampaignEvent and binderDied run
+// on binder threads of the process.
+//
+// Locks: `mutex` serialises the calls to the daemon (held across all of
+// registerClient, and around the call in sendData and deRegisterClient).
+// `stateMutex` guards the manager pointer, the callback, the table and the
+// bookkeeping of collector calls in flight; it is never held across a call to
+// the daemon or to a collector. `clientPtr` and the process-wide binder and
+// death recipient have a lock of their own.
+#pragma once
+
+#include <binder/IBinder.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "transport/IZEMCallback.h"
+#include "transport/IZEMManager.h"
+#include "transport/zemTransportClient.h"
+
+class zemAIDLClient : public zemTransportClient {
+  public:
+    // The process's instance; creates it when there is none.
+    static std::shared_ptr<zemAIDLClient> getClientInstance();
+
+    ~zemAIDLClient() override;
+
+    zemAIDLClient(const zemAIDLClient&) = delete;
+    zemAIDLClient& operator=(const zemAIDLClient&) = delete;
+
+    // Looks the service up (without waiting first, then with the service
+    // manager's bounded wait), watches it for death and makes the manager
+    // proxy. Returns false when the service is not published.
+    bool setZEMBinder();
+
+    // Starts the binder thread pool, connects when not yet connected, and
+    // registers `name` with this process's callback object. On success the
+    // token is in the table and in `collector`, and the daemon has been asked
+    // (one-way) for a campaign waiting for this client. 0 or -1. `version`
+    // is not used by this transport.
+    int32_t registerClient(const std::string& name, uint32_t version,
+                           zem_collector* collector) override;
+
+    // Sends the whole file (empty when it cannot be opened) and removes it
+    // when the call succeeded; the daemon's bool is not looked at. 0 or -1.
+    int32_t sendData(const std::string& filename, const std::string& token) override;
+
+    // Tells the daemon the registration ends. The table keeps the token's
+    // entry, so a later event for it still finds its collector. 0 or -1.
+    int32_t deRegisterClient(const std::string& token) override;
+
+    // Removes every entry of `collector` and cancels a registration of it in
+    // progress. After it returns no binder thread calls `collector` again;
+    // it waits for a collector call in flight on another thread, which is
+    // bounded by that call.
+    void forgetCollector(zem_collector* collector) override;
+
+    // The binder object that receives the daemon's campaign events.
+    class ZEMCallbackImpl : public BnZEMCallback {
+      public:
+        ZEMCallbackImpl();
+
+        // Runs on a binder thread. Finds the collector registered under
+        // `token` in the current instance and stops (512) or starts (256) its
+        // campaign; *result is the collector's result, -1 for an unknown
+        // token or another event. Always returns an ok status.
+        android::binder::Status onCampaignEvent(int32_t eventType, int64_t campaignId,
+                                                const std::vector<uint8_t>& campaignConfig,
+                                                int32_t eventArg, const std::string& token,
+                                                int32_t* result) override;
+    };
+
+    // Watches the daemon's service binder.
+    class DeathRecipientImpl : public android::IBinder::DeathRecipient {
+      public:
+        // Runs on a binder thread when the daemon exits or is killed: every
+        // collector in the current instance's table, in token order, gets
+        // LostConn() once per entry, after clientPtr has been dropped.
+        void binderDied(const android::wp<android::IBinder>& who) override;
+    };
+
+  private:
+    zemAIDLClient() = default;
+
+    // Drops clientPtr if it still holds `self`.
+    static void resetClientPtr(const zemAIDLClient* self);
+
+    // Calls fn(collector) for the entry of `token`, marked in flight so that
+    // forgetCollector waits for it. Returns false when there is no entry.
+    template <typename Fn>
+    bool callCollector(const std::string& token, Fn&& fn);
+    void beginCall(zem_collector* collector);
+    void endCall(zem_collector* collector);
+
+    // Serialises the calls to the daemon.
+    std::mutex mutex;
+
+    std::mutex stateMutex;
+    std::condition_variable callsDone;
+    android::sp<IZEMManager> manager;
+    android::sp<ZEMCallbackImpl> callback;
+    std::map<std::string, zem_collector*> collectors;
+    // Collectors with a registerClient in progress; true once forgotten.
+    std::map<zem_collector*, bool> registering;
+    // Collector calls in flight and the threads making them.
+    std::multimap<zem_collector*, std::thread::id> inFlight;
+
+    static std::mutex clientPtrMutex;
+    static std::shared_ptr<zemAIDLClient> clientPtr;
+};
