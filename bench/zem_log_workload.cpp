@@ -24,30 +24,40 @@ int main(int argc, char** argv) {
     const long n = std::atol(argv[2]);
     volatile uint64_t sink = 0;
     if (std::strcmp(kind, "clock") == 0) {
+        uint32_t v = 0;
         for (long i = 0; i < n; ++i) {
-            sink = sink + static_cast<uint64_t>(
-                                  std::chrono::steady_clock::now().time_since_epoch().count());
+            v = v + 37 < 10500 ? v + 37 : 0;
+            sink = sink + v +
+                   static_cast<uint64_t>(
+                           std::chrono::steady_clock::now().time_since_epoch().count());
         }
         return 0;
     }
     Client client([](LTCCampaignDef& d) {
-        zem_bench::addCounters(d, 1024);
+        // A full table: 1020 counters and one KPI of each other kind.
+        zem_bench::addCounters(d, 1020);
         zem_bench::addGauge(d, 100000);
         zem_bench::addHistogram(d, 100001, 1024);
         zem_bench::addBlob(d, 100002, zem_bench::kHugeWindow);
     });
     uint8_t buf[64] = {};
-    for (long i = 0; i < n; ++i) {
-        const uint32_t v = static_cast<uint32_t>((i * 2654435761u) % 10500);
-        if (std::strcmp(kind, "counter") == 0) {
-            sink = sink + static_cast<uint64_t>(zem_log(client.handle, 512 * 7 + 3, v));
-        } else if (std::strcmp(kind, "gauge") == 0) {
-            sink = sink + static_cast<uint64_t>(zem_log(client.handle, 100000, v));
-        } else if (std::strcmp(kind, "histogram") == 0) {
-            sink = sink + static_cast<uint64_t>(zem_log(client.handle, 100001, v));
-        } else {
-            sink = sink + static_cast<uint64_t>(zem_log_blob(client.handle, 100002, buf, 64));
-        }
+    // Each kind has its own loop so the workload adds no branching of its
+    // own; values step through every histogram bin.
+    zem_handle h = client.handle;
+    uint32_t v = 0;
+    auto next = [&v] { return v = v + 37 < 10500 ? v + 37 : 0; };
+    if (std::strcmp(kind, "counter") == 0) {
+        for (long i = 0; i < n; ++i)
+            sink = sink + static_cast<uint64_t>(zem_log(h, 512 * 7 + 3, next()));
+    } else if (std::strcmp(kind, "gauge") == 0) {
+        for (long i = 0; i < n; ++i)
+            sink = sink + static_cast<uint64_t>(zem_log(h, 100000, next()));
+    } else if (std::strcmp(kind, "histogram") == 0) {
+        for (long i = 0; i < n; ++i)
+            sink = sink + static_cast<uint64_t>(zem_log(h, 100001, next()));
+    } else {
+        for (long i = 0; i < n; ++i)
+            sink = sink + static_cast<uint64_t>(zem_log_blob(h, 100002, buf, 64));
     }
     return 0;
 }
