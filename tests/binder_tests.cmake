@@ -1,0 +1,30 @@
+# Tests of the binder transport and the host binder runtime. Included from
+# tests/CMakeLists.txt on Linux hosts.
+
+# The platform's code generator makes independent IZEMManager/IZEMCallback
+# classes from tests/aidl; they go into a peer program of their own, since
+# they share their names with the hand-written classes.
+find_program(ZEM_AIDL aidl REQUIRED)
+set(_aidl_dir ${CMAKE_CURRENT_SOURCE_DIR}/aidl)
+set(_aidl_out ${CMAKE_CURRENT_BINARY_DIR}/aidl_gen)
+set(_aidl_srcs)
+foreach(_iface IZEMManager IZEMCallback)
+    string(REGEX REPLACE "^I" "" _base ${_iface})
+    add_custom_command(
+        OUTPUT ${_aidl_out}/${_iface}.cpp ${_aidl_out}/include/${_iface}.h
+               ${_aidl_out}/include/Bp${_base}.h ${_aidl_out}/include/Bn${_base}.h
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${_aidl_out}/include
+        COMMAND ${ZEM_AIDL} --lang=cpp -I${_aidl_dir} -h ${_aidl_out}/include -o ${_aidl_out}
+                ${_aidl_dir}/${_iface}.aidl
+        DEPENDS ${_aidl_dir}/${_iface}.aidl ${_aidl_dir}/IZEMCallback.aidl
+        COMMENT "aidl ${_iface}.aidl"
+        VERBATIM)
+    list(APPEND _aidl_srcs ${_aidl_out}/${_iface}.cpp)
+endforeach()
+
+add_executable(binder_aidl_peer binder_aidl_peer.cpp ${_aidl_srcs})
+# Our own source keeps the warnings; the generated files are exempt.
+set_source_files_properties(binder_aidl_peer.cpp PROPERTIES
+    COMPILE_OPTIONS "-Wall;-Wextra;-Werror")
+target_include_directories(binder_aidl_peer PRIVATE ${_aidl_out}/include)
+target_link_libraries(binder_aidl_peer PRIVATE zem_host_binder)
