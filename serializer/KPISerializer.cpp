@@ -19,6 +19,8 @@
 
 namespace {
 
+constexpr std::chrono::milliseconds kWriterNap{5};
+
 // The timestamp key of a cache file name: the number after the prefix, read
 // as strtoull reads it (leading blanks and a sign accepted, stops at the
 // first non-digit, no digits give 0).
@@ -141,8 +143,8 @@ int KPISerializer::Write(olvan::KPIData& data) {
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         queue.push_back(std::move(bytes));
-        wake = writerWaiting;
-        writerWaiting = false;
+        wake = writerIdle;
+        writerIdle = false;
     }
     if (wake) queueCv.notify_one();
     return 0;
@@ -212,18 +214,24 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
 void KPISerializer::writer_func() {
     pthread_setname_np(pthread_self(), "zem_writer");
     std::deque<Record> batch;
+    bool wrote = false;
     std::unique_lock<std::mutex> lock(queueMutex);
     for (;;) {
+        if (queue.empty() && !stopWriter && wrote) {
+            // More records are likely on their way: pick them up in one go.
+            queueCv.wait_for(lock, kWriterNap);
+        }
         while (queue.empty() && !stopWriter) {
-            writerWaiting = true;
+            writerIdle = true;
             queueCv.wait(lock);
         }
-        writerWaiting = false;
+        writerIdle = false;
         // On a stop request every record still queued is written first.
         if (queue.empty()) break;
         batch.swap(queue);
         lock.unlock();
         writeRecords(batch);
+        wrote = true;
         lock.lock();
     }
 }
@@ -233,7 +241,9 @@ void KPISerializer::stopWriterThread() {
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         stopWriter = true;
+        writerIdle = false;
     }
+    // Wakes the writer whether it sleeps or naps.
     queueCv.notify_one();
     writerThread->join();
     writerThread.reset();

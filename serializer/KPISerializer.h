@@ -13,6 +13,11 @@
 // name, and is held only to push or pop records. File I/O and SendData run
 // without it, so a producer never waits for the disk or the transport.
 //
+// Under a steady stream of records the writer wakes on its own every few
+// milliseconds and writes what has queued in one batch, so producers do not
+// make a system call per record; when the stream stops it sleeps until the
+// next record.
+//
 // A cache file is the plain concatenation of serialized olvan::KPIData
 // messages and parses as one KPIData holding every window. Each file the
 // serializer creates gets one record holding only version = V1.
@@ -112,6 +117,9 @@ class KPISerializer {
     std::mutex queueMutex;
     std::condition_variable queueCv;
     bool stopWriter = false;
-    bool writerWaiting = false;
+    // True while the writer sleeps with no deadline: only then does a
+    // producer pay for waking it. After writing, the writer naps for
+    // kWriterNap instead, collecting what arrives meanwhile in one batch.
+    bool writerIdle = false;
     std::unique_ptr<std::thread> writerThread;
 };
