@@ -28,3 +28,19 @@ set_source_files_properties(binder_aidl_peer.cpp PROPERTIES
     COMPILE_OPTIONS "-Wall;-Wextra;-Werror")
 target_include_directories(binder_aidl_peer PRIVATE ${_aidl_out}/include)
 target_link_libraries(binder_aidl_peer PRIVATE zem_host_binder)
+
+zem_add_test(binder_transport_test binder_transport_test.cpp)
+add_dependencies(binder_transport_test binder_aidl_peer)
+target_compile_definitions(binder_transport_test PRIVATE
+    BINDER_AIDL_PEER_BIN="$<TARGET_FILE:binder_aidl_peer>")
+
+# The transport's binder sources against the platform's real libbinder
+# headers (an older release than the host runtime), with no host header on
+# the path: the same code builds for a device.
+foreach(_src IZEMCallback.cpp IZEMManager.cpp zemAIDLClient.cpp)
+    add_test(NAME BinderTransport.CompilesAgainstTheRealLibbinderHeaders.${_src}
+             COMMAND ${CMAKE_CXX_COMPILER} -std=c++17 -fsyntax-only -Wall -Wextra -Werror
+                     -I${PROJECT_SOURCE_DIR} -I${PROJECT_SOURCE_DIR}/include
+                     -I${PROJECT_BINARY_DIR}/proto -isystem ${ZEM_LIBUTILS_INCLUDE}
+                     ${PROJECT_SOURCE_DIR}/transport/${_src})
+endforeach()
