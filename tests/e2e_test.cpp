@@ -18,6 +18,14 @@ using zem_e2e::eventually;
 using zem_e2e::jsonField;
 using zem_test::TempDir;
 
+// The programs these tests start may be ThreadSanitizer builds as well; they
+// run gRPC, so they get its suppressions.
+const bool kChildSuppressions = [] {
+    const char* old = getenv("TSAN_OPTIONS");
+    const std::string value = std::string(old ? old : "") + " suppressions=" GRPC_TSAN_SUPP;
+    return setenv("TSAN_OPTIONS", value.c_str(), 1) == 0;
+}();
+
 const char* kCampaign = R"(
 kpiCfgs { id: 10 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 10 }
 kpiCfgs {

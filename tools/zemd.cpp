@@ -330,6 +330,7 @@ int main(int argc, char** argv) {
 
     daemon.shutdown();
     server->Shutdown(std::chrono::system_clock::now() + std::chrono::seconds(2));
+    server.reset();
     struct stat st;
     if (lstat(socketPath.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) unlink(socketPath.c_str());
     daemon.emit("exit", zemtools::JsonObject(), "stopped");
