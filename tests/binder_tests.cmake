@@ -44,3 +44,13 @@ foreach(_src IZEMCallback.cpp IZEMManager.cpp zemAIDLClient.cpp)
                      -I${PROJECT_BINARY_DIR}/proto -isystem ${ZEM_LIBUTILS_INCLUDE}
                      ${PROJECT_SOURCE_DIR}/transport/${_src})
 endforeach()
+
+# End to end: zemd and a two-collector client as separate processes.
+add_executable(binder_e2e_client binder_e2e_client.cpp)
+zem_warnings(binder_e2e_client)
+target_link_libraries(binder_e2e_client PRIVATE zem_capi)
+zem_add_test(binder_e2e_test binder_e2e_test.cpp)
+add_dependencies(binder_e2e_test binder_e2e_client zemd)
+target_compile_definitions(binder_e2e_test PRIVATE
+    ZEMD_BIN="$<TARGET_FILE:zemd>"
+    BINDER_E2E_CLIENT_BIN="$<TARGET_FILE:binder_e2e_client>")

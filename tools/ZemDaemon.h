@@ -74,6 +74,9 @@ class ZemDaemon final : public olvan::SPC::Service {
               const std::vector<std::string>& extraLines = {});
 
   private:
+    // zemd's binder service shares the client table, storage and printing.
+    friend class ZemBinderService;
+
     struct ClientRecord {
         std::string name;
         int32_t major = 0;

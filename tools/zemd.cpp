@@ -23,6 +23,7 @@
 #include <string>
 #include <thread>
 
+#include "tools/ZemBinderService.h"
 #include "tools/ZemDaemon.h"
 
 namespace {
@@ -43,6 +44,10 @@ void usage(FILE* out) {
             "tokens, pushes a campaign to every client whose command stream opens, and\n"
             "stores and decodes every cache file the clients deliver. Every call is\n"
             "printed as one event line on standard output.\n"
+            "\n"
+            "It also serves IZEMManager as vendor_zemsdkservice on the host binder runtime\n"
+            "(registry HOST_BINDER_REGISTRY, default \"default\"), pushing the campaign\n"
+            "when a binder client asks for a pending one.\n"
             "\n"
             "options:\n"
             "  --socket PATH         Unix socket to serve (default %s)\n"
@@ -180,6 +185,9 @@ std::mutex gExitMutex;
 std::condition_variable gExitCv;
 bool gExitRequested = false;
 
+// zemd's binder service, set once before the control thread starts.
+ZemBinderService* gBinderService = nullptr;
+
 void requestExit() {
     std::lock_guard<std::mutex> lock(gExitMutex);
     gExitRequested = true;
@@ -196,8 +204,10 @@ void controlLoop(ZemDaemon* daemon) {
         if (line == "quit") break;
         if (line == "start") {
             n = daemon->queueCommand(C::kStartCampaign);
+            if (n >= 0 && gBinderService != nullptr) n += gBinderService->pushToAll(true);
         } else if (line == "stop") {
             n = daemon->queueCommand(C::kStopCampaign);
+            if (gBinderService != nullptr) n += gBinderService->pushToAll(false);
         } else if (line == "start-collection") {
             n = daemon->queueCommand(C::kStartCollection);
         } else if (line == "stop-collection") {
@@ -315,6 +325,10 @@ int main(int argc, char** argv) {
         if (!options.outDir.empty()) text += ", files stored in " + options.outDir;
         daemon.emit("listening", f, text);
     }
+
+    // The same service over binder, for clients registering with transport 1.
+    android::sp<ZemBinderService> binderService = new ZemBinderService(daemon);
+    if (binderService->publish() == android::OK) gBinderService = binderService.get();
 
     std::thread([signals] {
         int sig = 0;
