@@ -11,6 +11,7 @@
 //           k of the process (counting from 0 across commands) has counter
 //           value k % 5 and gauge/histogram value k * 7 % 37
 //   quit    deregisters and exits
+//   exit    exits without deregistering, the command stream still open
 //
 // Samples are logged under a mutex that the campaign-stop callback also
 // takes, so no sample is logged while the library changes the campaign.
@@ -122,6 +123,9 @@ int main(int argc, char** argv) {
                 " next " + std::to_string(k));
         } else if (line == "quit") {
             break;
+        } else if (line == "exit") {
+            say("exiting");
+            return 0;
         } else {
             say("unknown command " + line);
         }
