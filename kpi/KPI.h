@@ -102,7 +102,6 @@ class KPI {
     // second, and the sample count.
     void fillMeta(olvan::MetaData* meta) const;
 
-    const KPICfg& config() const { return cfg; }
     unsigned int sampleCount() const { return numSamples; }
 
   protected:
