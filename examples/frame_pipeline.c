@@ -10,6 +10,10 @@
  * frame_pipeline.campaign.txtpb.
  *
  *   frame_pipeline [--seconds N] [--fps N] [--cache DIR] [--wait SECONDS]
+ *                  [--transport grpc|binder]
+ *
+ * With --transport binder it registers over binder instead (the daemon's
+ * service "vendor_zemsdkservice").
  *
  * The daemon starts and stops campaigns from the library's threads. The
  * campaign callbacks and the render loop share one mutex, held while a
@@ -142,7 +146,8 @@ static void usage(FILE* out) {
             "  --fps N       target frame rate (default 60)\n"
             "  --cache DIR   cache directory (default: a fresh temporary one, removed at exit)\n"
             "  --wait S      how long to wait for the campaign to start and to stop (default "
-            "30)\n");
+            "30)\n"
+            "  --transport T grpc (default) or binder\n");
 }
 
 static void remove_dir(const char* dir) {
@@ -162,6 +167,7 @@ int main(int argc, char** argv) {
     struct zem_cfg_s cfg;
     zem_handle h;
     int32_t rc;
+    uint32_t transport = ZEM_TRANSPORT_GRPC;
 
     for (i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
@@ -172,6 +178,14 @@ int main(int argc, char** argv) {
             cache = argv[++i];
         } else if (strcmp(argv[i], "--wait") == 0 && i + 1 < argc) {
             wait = atof(argv[++i]);
+        } else if (strcmp(argv[i], "--transport") == 0 && i + 1 < argc) {
+            ++i;
+            if (strcmp(argv[i], "binder") == 0) {
+                transport = ZEM_TRANSPORT_BINDER;
+            } else if (strcmp(argv[i], "grpc") != 0) {
+                usage(stderr);
+                return 2;
+            }
         } else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
             usage(stdout);
             return 0;
@@ -199,7 +213,7 @@ int main(int argc, char** argv) {
     cfg.cache_dir = cache;
     cfg.campaign_start_cb = on_campaign_start;
     cfg.campaign_stop_cb = on_campaign_stop;
-    cfg.transport = ZEM_TRANSPORT_GRPC;
+    cfg.transport = transport;
     h = zem_register(&cfg);
     if (h == NULL) return 1;
     printf("frame_pipeline: registering; waiting for a campaign\n");
