@@ -52,7 +52,7 @@ Histogram::Histogram(const KPICfg& cfg, KPISerializer& serializer)
     numBins = static_cast<uint32_t>(bounds.size()) - 1;
     if (overflowEn) zem::checkedIncrement(numBins, "Histogram numBins");
     if (underflowEn) zem::checkedIncrement(numBins, "Histogram numBins");
-    bins.assign(size_t{numBins} + 1, 0);
+    bins.assign(numBins, 0);
     buildSearch();
 }
 
@@ -149,6 +149,7 @@ uint32_t Histogram::firstNotBelowByScan(unsigned int value) const {
 int Histogram::Aggregate(unsigned int value) {
     const uint32_t id = findBucketId(value);
     if (id == kNoBin) return static_cast<int>(id);
+    if (id == numBins) return 0;
     zem::checkedIncrement(bins[id], "Histogram bin count");
     return 0;
 }

@@ -78,8 +78,8 @@ class Histogram : public KPI {
     // kRadix: entry j holds the number of bounds below the smallest value
     // that maps to j; no entry's value range holds more than one bound.
     std::vector<uint16_t> radix;
-    // numBins counters plus one spare slot that takes the samples above the
-    // last bound when only overflow_en is set. The spare is never emitted
-    // nor reset; it only keeps that index inside the array.
+    // One counter per emitted bin. Index numBins (overflow_en without
+    // underflow_en, a value above the last bound) has no counter: the sample
+    // counts, no bin changes, and nothing outside the array is written.
     std::vector<uint32_t> bins;
 };
