@@ -1,6 +1,5 @@
 #include "kpi/Blob.h"
 
-#include "common/ZemLog.h"
 #include "serializer/KPISerializer.h"
 
 // b_cfg() is the default instance (both thresholds 0) unless the
@@ -46,12 +45,7 @@ bool Blob::validCfg() {
 }
 
 int Blob::Serialize() {
-    ZEM_LOGI("Blob::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld",
-             static_cast<int>(numSamples), startNs(), endNs());
-    if (numSamples < 1) {
-        ZEM_LOGI("numSamples < 1, so skipping");
-        return 0;
-    }
+    if (skipEmptyWindow("Blob")) return 0;
     // A record of its own: kept between windows it would hold on to the
     // largest window's bytes.
     olvan::KPIData data;
@@ -62,6 +56,6 @@ int Blob::Serialize() {
     std::string* joined = blob->mutable_data();
     joined->reserve(total);
     for (const auto& s : samples) joined->append(s.begin(), s.end());
-    serializer.Write(data);
+    serializer.Write(data, windowNote("Blob"));
     return 0;
 }

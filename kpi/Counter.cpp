@@ -1,6 +1,5 @@
 #include "kpi/Counter.h"
 
-#include "common/ZemLog.h"
 #include "serializer/KPISerializer.h"
 
 Counter::Counter(const KPICfg& cfg, KPISerializer& serializer) : KPI(cfg, serializer) {}
@@ -21,16 +20,11 @@ bool Counter::validCfg() {
 }
 
 int Counter::Serialize() {
-    ZEM_LOGI("Counter::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld",
-             static_cast<int>(numSamples), startNs(), endNs());
-    if (numSamples < 1) {
-        ZEM_LOGI("numSamples < 1, so skipping");
-        return 0;
-    }
+    if (skipEmptyWindow("Counter")) return 0;
     olvan::KPIData& data = emptyRecord();
     olvan::Counter* counter = data.add_counters();
     fillMeta(counter->mutable_meta());
     counter->set_value(sum);
-    serializer.Write(data);
+    serializer.Write(data, windowNote("Counter"));
     return 0;
 }

@@ -1,6 +1,5 @@
 #include "kpi/Gauge.h"
 
-#include "common/ZemLog.h"
 #include "serializer/KPISerializer.h"
 
 // g_cfg() is the all-false default instance unless the configuration holds a
@@ -31,12 +30,7 @@ bool Gauge::validCfg() {
 }
 
 int Gauge::Serialize() {
-    ZEM_LOGI("Gauge::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld",
-             static_cast<int>(numSamples), startNs(), endNs());
-    if (numSamples < 1) {
-        ZEM_LOGI("numSamples < 1, so skipping");
-        return 0;
-    }
+    if (skipEmptyWindow("Gauge")) return 0;
     olvan::KPIData& data = emptyRecord();
     olvan::Gauge* gauge = data.add_gauges();
     fillMeta(gauge->mutable_meta());
@@ -46,6 +40,6 @@ int Gauge::Serialize() {
     }
     if (wantMin) gauge->set_min(min);
     if (wantMax) gauge->set_max(max);
-    serializer.Write(data);
+    serializer.Write(data, windowNote("Gauge"));
     return 0;
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "common/ZemLog.h"
 #include "serializer/KPISerializer.h"
 
 namespace {
@@ -164,16 +163,11 @@ bool Histogram::validCfg() {
 }
 
 int Histogram::Serialize() {
-    ZEM_LOGI("Histogram::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld",
-             static_cast<int>(numSamples), startNs(), endNs());
-    if (numSamples < 1) {
-        ZEM_LOGI("numSamples < 1, so skipping");
-        return 0;
-    }
+    if (skipEmptyWindow("Histogram")) return 0;
     olvan::KPIData& data = emptyRecord();
     olvan::Histogram* histogram = data.add_histograms();
     fillMeta(histogram->mutable_meta());
     histogram->mutable_bin_counts()->Add(bins.begin(), bins.begin() + numBins);
-    serializer.Write(data);
+    serializer.Write(data, windowNote("Histogram"));
     return 0;
 }

@@ -77,6 +77,14 @@ void KPI::closeWindow(TimePoint now) {
     ResetWindow(now);
 }
 
+bool KPI::skipEmptyWindow(const char* kind) const {
+    if (numSamples >= 1) return false;
+    ZEM_LOGI("%s::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld", kind,
+             static_cast<int>(numSamples), startNs(), endNs());
+    ZEM_LOGI("numSamples < 1, so skipping");
+    return true;
+}
+
 void KPI::fillMeta(olvan::MetaData* meta) const {
     meta->set_id(static_cast<uint32_t>(cfg.id()));
     meta->set_ts_start(static_cast<uint64_t>(tsStart.time_since_epoch().count() / kNsPerMetaTick));

@@ -24,8 +24,7 @@
 #include "common/CheckedMath.h"
 #include "kpi.pb.h"
 #include "metric.pb.h"
-
-class KPISerializer;
+#include "serializer/KPISerializer.h"
 
 class KPI {
   public:
@@ -102,9 +101,20 @@ class KPI {
     // second, and the sample count.
     void fillMeta(olvan::MetaData* meta) const;
 
+    const KPICfg& config() const { return cfg; }
     unsigned int sampleCount() const { return numSamples; }
 
   protected:
+    // Starts a subclass's Serialize: an empty window logs its Serialize line
+    // and the skip at once and returns true (nothing to emit).
+    bool skipEmptyWindow(const char* kind) const;
+
+    // The Serialize line of the window being emitted, printed by the
+    // serializer's writer thread when it writes the record.
+    KPISerializer::WindowNote windowNote(const char* kind) const {
+        return {kind, numSamples, startNs(), endNs()};
+    }
+
     // Raw steady-clock nanoseconds, as the Serialize log lines print them.
     long startNs() const { return static_cast<long>(tsStart.time_since_epoch().count()); }
     long endNs() const { return static_cast<long>(tsEnd.time_since_epoch().count()); }

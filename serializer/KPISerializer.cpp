@@ -137,12 +137,16 @@ void KPISerializer::createFout() {
 }
 
 int KPISerializer::Write(olvan::KPIData& data) {
+    return Write(data, WindowNote{});
+}
+
+int KPISerializer::Write(olvan::KPIData& data, const WindowNote& note) {
     auto bytes = std::make_shared<std::string>();
     data.SerializeToString(bytes.get());
     bool wake;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        queue.push_back(std::move(bytes));
+        queue.push_back(Record{std::move(bytes), note});
         wake = writerIdle;
         writerIdle = false;
     }
@@ -175,6 +179,12 @@ bool KPISerializer::writeAll(const struct iovec* iov, int count) {
     return true;
 }
 
+void KPISerializer::printNote(const WindowNote& note) {
+    if (note.kind == nullptr) return;
+    ZEM_LOGI("%s::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld", note.kind,
+             static_cast<int>(note.numSamples), note.tsStart, note.tsEnd);
+}
+
 void KPISerializer::writeRecords(std::deque<Record>& records) {
     // Records go out in batches of one writev each. A batch ends at the first
     // record that takes the file past the threshold, so the file closes with
@@ -185,6 +195,7 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
     while (!records.empty()) {
         if (failed) {
             // A file that could not be opened or written swallows records.
+            for (const Record& rec : records) printNote(rec.note);
             records.clear();
             return;
         }
@@ -192,7 +203,9 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
         int64_t projected = fileSize;
         bool rollover = false;
         while (count < kMaxBatch && count < static_cast<int>(records.size())) {
-            const std::string& bytes = *records[count];
+            const Record& rec = records[count];
+            printNote(rec.note);
+            const std::string& bytes = *rec.bytes;
             iov[count].iov_base = const_cast<char*>(bytes.data());
             iov[count].iov_len = bytes.size();
             projected += static_cast<int64_t>(bytes.size());

@@ -56,9 +56,22 @@ class KPISerializer {
     // the new thresholds.
     int Initialize(unsigned int size_threshold, unsigned int time_threshold);
 
+    // What a closed window says about itself in the log: printed as
+    // "<kind>::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld" by the
+    // writer thread when it takes the window's record, so that the logging
+    // thread pays neither for the formatting nor for the log write.
+    struct WindowNote {
+        const char* kind = nullptr;  // null: nothing to print
+        unsigned int numSamples = 0;
+        long tsStart = 0;
+        long tsEnd = 0;
+    };
+
     // Serializes `data` now, on the calling thread, and queues it for the
     // writer. Returns 0. Any thread; never waits for I/O.
     int Write(olvan::KPIData& data);
+    // The same, with the window's log line to print when it is written.
+    int Write(olvan::KPIData& data, const WindowNote& note);
 
     // Closes the current file and hands its path to the collector, even when
     // no file was open. Returns 0. Not while the writer thread runs.
@@ -87,7 +100,10 @@ class KPISerializer {
     bool writerRunning() const { return writerThread != nullptr; }
 
   private:
-    using Record = std::shared_ptr<const std::string>;
+    struct Record {
+        std::shared_ptr<const std::string> bytes;
+        WindowNote note;
+    };
 
     int GetFilesFromCache(std::vector<std::string>& files);
     void createFout();
@@ -97,6 +113,7 @@ class KPISerializer {
     // threshold. Runs on the writer thread only.
     void writeRecords(std::deque<Record>& records);
     bool openForAppend(const std::string& path);
+    static void printNote(const WindowNote& note);
     bool writeAll(const struct iovec* iov, int count);
 
     const std::string prefix;
