@@ -23,6 +23,7 @@
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 #include <stdio.h>
+#include <unistd.h>
 
 #include <cinttypes>
 #include <iostream>
@@ -195,10 +196,16 @@ int runClient(const std::string& service) {
 
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
+    int status = 2;
     if (args.size() >= 2 && args[0] == "daemon") {
-        return runDaemon(args[1], args.size() >= 3 ? fromHex(args[2]) : std::vector<uint8_t>());
+        status = runDaemon(args[1], args.size() >= 3 ? fromHex(args[2]) : std::vector<uint8_t>());
+    } else if (args.size() == 2 && args[0] == "client") {
+        status = runClient(args[1]);
+    } else {
+        fprintf(stderr, "usage: binder_aidl_peer daemon SERVICE [CAMPAIGN_HEX] | client SERVICE\n");
     }
-    if (args.size() == 2 && args[0] == "client") return runClient(args[1]);
-    fprintf(stderr, "usage: binder_aidl_peer daemon SERVICE [CAMPAIGN_HEX] | client SERVICE\n");
-    return 2;
+    // Binder pool threads may still run: leave without destroying the
+    // generated classes' static descriptors under them.
+    fflush(stdout);
+    _exit(status);
 }

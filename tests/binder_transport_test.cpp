@@ -551,7 +551,7 @@ TEST(BinderInterop, GeneratedProxiesTalkToHandWrittenStubs) {
     EXPECT_EQ(257, result);
     EXPECT_TRUE(client.saw("event 256 1099511627776 cafe -5 tok-peer-client"));
     client.child.closeStdin();
-    EXPECT_EQ(0, client.child.waitExit());
+    EXPECT_EQ(0, client.child.waitExit()) << client.child.err();
 }
 
 // ---- host runtime ------------------------------------------------------------

@@ -8,7 +8,7 @@ using android::status_t;
 using android::String16;
 using android::binder::Status;
 
-const String16 IZEMCallback::descriptor("IZEMCallback");
+const String16& IZEMCallback::descriptor = *new String16("IZEMCallback");
 
 namespace {
 std::unique_ptr<IZEMCallback> gCallbackDefaultImpl;

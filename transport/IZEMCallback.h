@@ -43,7 +43,9 @@ class IZEMCallback : public android::IInterface {
     static constexpr int32_t kCampaignStart = 256;
     static constexpr int32_t kCampaignStop = 512;
 
-    static const android::String16 descriptor;
+    // Never destroyed: binder pool threads may still compare it while the
+    // process exits.
+    static const android::String16& descriptor;
 
     // Null for a null binder; the local object when `obj` is one of this
     // process's IZEMCallback stubs; otherwise a new BpZEMCallback on `obj`.

@@ -8,7 +8,7 @@ using android::status_t;
 using android::String16;
 using android::binder::Status;
 
-const String16 IZEMManager::descriptor("IZEMManager");
+const String16& IZEMManager::descriptor = *new String16("IZEMManager");
 
 namespace {
 

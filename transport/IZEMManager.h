@@ -29,7 +29,9 @@ class IZEMManager : public android::IInterface {
         SENDDATA,
     };
 
-    static const android::String16 descriptor;
+    // Never destroyed: binder pool threads may still compare it while the
+    // process exits.
+    static const android::String16& descriptor;
 
     // Null for a null binder; the local object when `obj` is one of this
     // process's IZEMManager stubs; otherwise a new BpZEMManager on `obj`.
