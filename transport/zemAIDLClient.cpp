@@ -100,15 +100,8 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
                                       zem_collector* collector) {
     static const char* const kOp = "registerClient";
     ZEM_LOGI("%s: called", kOp);
-    const sp<ProcessState> ps = ProcessState::self();
-    if (ps == nullptr) {
-        ZEM_LOGE("%s: ProcessState init failed", kOp);
-        return -1;
-    }
-    ps->startThreadPool();
-    ZEM_LOGI("%s - created threadpool", kOp);
-
-    std::lock_guard<std::mutex> calls(mutex);
+    // Recorded before anything can block, so that a forgetCollector from
+    // here on cancels this registration.
     {
         std::lock_guard<std::mutex> lock(stateMutex);
         registering[collector] = false;
@@ -122,6 +115,16 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
             self->registering.erase(collector);
         }
     } done{this, collector};
+
+    const sp<ProcessState> ps = ProcessState::self();
+    if (ps == nullptr) {
+        ZEM_LOGE("%s: ProcessState init failed", kOp);
+        return -1;
+    }
+    ps->startThreadPool();
+    ZEM_LOGI("%s - created threadpool", kOp);
+
+    std::lock_guard<std::mutex> calls(mutex);
 
     sp<IZEMManager> m;
     sp<ZEMCallbackImpl> cb;
