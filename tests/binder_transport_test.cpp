@@ -609,7 +609,9 @@ TEST(HostBinder, RegistryDeathAndMalformedPeers) {
     auto sm = android::defaultServiceManager();
     EXPECT_EQ(nullptr, sm->checkService(String16("nobody_serves_this")).get());
 
+    // getService waits for a service that is not published yet.
     Peer daemon({"daemon", "runtime_daemon"});
+    ASSERT_NE(nullptr, sm->getService(String16("runtime_daemon")).get());
     ASSERT_TRUE(daemon.saw("ready"));
     sp<IBinder> binder = sm->checkService(String16("runtime_daemon"));
     ASSERT_NE(nullptr, binder.get());
