@@ -618,6 +618,13 @@ TEST(HostBinder, RegistryDeathAndMalformedPeers) {
     EXPECT_EQ(binder.get(), sm->checkService(String16("runtime_daemon")).get())
             << "one proxy per remote object";
     EXPECT_EQ(android::OK, binder->pingBinder());
+    // Transaction errors travel back from the other process as they are.
+    Parcel unknownCode, wrongToken, reply;
+    unknownCode.writeInterfaceToken(IZEMManager::descriptor);
+    EXPECT_EQ(android::UNKNOWN_TRANSACTION, binder->transact(5, unknownCode, &reply));
+    wrongToken.writeInterfaceToken(IZEMCallback::descriptor);
+    wrongToken.writeUtf8AsUtf16("t");
+    EXPECT_EQ(android::BAD_TYPE, binder->transact(3, wrongToken, &reply));
     // A second process cannot take a live service's name.
     Peer rival({"daemon", "runtime_daemon"});
     EXPECT_TRUE(rival.saw("add-failed " + std::to_string(android::ALREADY_EXISTS)));
