@@ -64,9 +64,11 @@ class BinderE2ETest : public ::testing::Test {
         return d;
     }
 
+    // Three registration attempts 2 s apart give a restarted daemon 4 s to
+    // come up, even in a sanitizer build.
     std::unique_ptr<Child> startClient() {
         std::vector<std::string> argv = {
-                BINDER_E2E_CLIENT_BIN, "--collectors", "2", "--cache", cache, "--retry-ms", "1000"};
+                BINDER_E2E_CLIENT_BIN, "--collectors", "2", "--cache", cache, "--retry-ms", "2000"};
         return std::make_unique<Child>(argv, dir.file("client.out"), dir.file("client.err"));
     }
 
