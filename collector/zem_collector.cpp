@@ -193,6 +193,7 @@ int zem_collector::StartCampaign(const std::string& config) {
     }
     if (serializer.Initialize(def.size_threshold(), def.time_threshold()) != 0) return -1;
 
+    table.reserve(table.size() + static_cast<size_t>(def.kpicfgs_size()));
     for (const KPICfg& cfg : def.kpicfgs()) {
         std::string text;
         printer.PrintToString(cfg, &text);

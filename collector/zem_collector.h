@@ -32,6 +32,9 @@
 #include "collector/KPITable.h"
 #include "include/zem_sdk.h"
 #include "kpi.pb.h"
+#include "kpi/Counter.h"
+#include "kpi/Gauge.h"
+#include "kpi/Histogram.h"
 #include "serializer/KPISerializer.h"
 #include "transport/zemTransportClient.h"
 
@@ -80,7 +83,20 @@ class zem_collector {
     int Log(uint32_t id, uint32_t value) {
         KPI* kpi = table.find(id);
         if (kpi == nullptr || kpi->GetType() != KPI_NUMERIC) return -1;
-        kpi->AddSample(value);
+        // A numeric KPI's subtype names its class, so the aggregation is a
+        // direct call rather than a virtual one.
+        const KPI::TimePoint now = KPI::Clock::now();
+        switch (kpi->GetSubType()) {
+            case COUNTER:
+                static_cast<Counter*>(kpi)->AddSampleAs<Counter>(now, value);
+                break;
+            case GAUGE:
+                static_cast<Gauge*>(kpi)->AddSampleAs<Gauge>(now, value);
+                break;
+            default:
+                static_cast<Histogram*>(kpi)->AddSampleAs<Histogram>(now, value);
+                break;
+        }
         return 0;
     }
     int LogEvent(uint32_t id, uint32_t /*value*/) {

@@ -6,11 +6,6 @@ Counter::Counter(const KPICfg& cfg, KPISerializer& serializer) : KPI(cfg, serial
 
 Counter::~Counter() = default;
 
-int Counter::Aggregate(unsigned int value) {
-    sum = zem::checkedAdd(sum, uint64_t{value}, "Counter sum");
-    return 0;
-}
-
 void Counter::ResetAggregates() {
     sum = 0;
 }

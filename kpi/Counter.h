@@ -16,7 +16,10 @@ class Counter : public KPI {
     Counter(const KPICfg& cfg, KPISerializer& serializer);
     ~Counter() override;
 
-    int Aggregate(unsigned int value) override;
+    int Aggregate(unsigned int value) final {
+        sum = zem::checkedAdd(sum, uint64_t{value}, "Counter sum");
+        return 0;
+    }
     void ResetAggregates() override;
     bool validCfg() override;
     int Serialize() override;

@@ -12,13 +12,6 @@ Gauge::Gauge(const KPICfg& cfg, KPISerializer& serializer)
 
 Gauge::~Gauge() = default;
 
-int Gauge::Aggregate(unsigned int value) {
-    if (wantMin && min > value) min = value;
-    if (wantMax && max < value) max = value;
-    if (wantMean) sum = zem::checkedAdd(sum, uint64_t{value}, "Gauge sum");
-    return 0;
-}
-
 void Gauge::ResetAggregates() {
     sum = 0;
     min = kNoMin;

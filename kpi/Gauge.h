@@ -17,7 +17,12 @@ class Gauge : public KPI {
     Gauge(const KPICfg& cfg, KPISerializer& serializer);
     ~Gauge() override;
 
-    int Aggregate(unsigned int value) override;
+    int Aggregate(unsigned int value) final {
+        if (wantMin && min > value) min = value;
+        if (wantMax && max < value) max = value;
+        if (wantMean) sum = zem::checkedAdd(sum, uint64_t{value}, "Gauge sum");
+        return 0;
+    }
     void ResetAggregates() override;
     bool validCfg() override;
     int Serialize() override;

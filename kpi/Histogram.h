@@ -29,7 +29,7 @@ class Histogram : public KPI {
     Histogram(const KPICfg& cfg, KPISerializer& serializer);
     ~Histogram() override;
 
-    int Aggregate(unsigned int value) override;
+    int Aggregate(unsigned int value) final;
     void ResetAggregates() override;
     bool validCfg() override;
     int Serialize() override;

@@ -33,6 +33,7 @@ constexpr int64_t kNsPerMetaTick = 100000000;
 KPI::KPI(const KPICfg& cfg, KPISerializer& serializer)
     : windowLimit(windowLimitOf(cfg)),
       type(cfg.type()),
+      subType(cfg.subtype()),
       byDuration(cfg.agg_window_oneof_case() == KPICfg::kDurationMsecs),
       serializer(serializer),
       cfg(cfg) {}
