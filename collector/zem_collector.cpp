@@ -30,21 +30,32 @@ zem_collector::zem_collector(const zem_cfg_s& cfg)
 }
 
 zem_collector::~zem_collector() {
-    std::shared_ptr<zemTransportClient> old;
-    std::list<RegistrationThread> threads;
+    std::shared_ptr<zemTransportClient> current;
     {
         std::lock_guard<std::mutex> lock(stateMutex);
         stopping = true;
-        old = std::move(client);
-        threads.swap(registrationThreads);
+        current = client;
     }
     stateCv.notify_all();
-    if (old) {
-        old->forgetCollector(this);
-        old.reset();
+    // The client stays in place while it forgets us: a campaign stop already
+    // running on a transport thread still delivers its last file through it,
+    // and forgetCollector waits for that call to return.
+    if (current) current->forgetCollector(this);
+    std::list<RegistrationThread> threads;
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        threads.swap(registrationThreads);
     }
-    // A registration thread sleeping between attempts wakes up on `stopping`.
+    // A registration thread sleeping between attempts wakes up on `stopping`;
+    // one inside registerClient finishes that attempt first.
     for (RegistrationThread& t : threads) t.thread.join();
+    {
+        std::lock_guard<std::mutex> lock(stateMutex);
+        current = std::move(client);
+    }
+    // That last attempt may have registered us with the client again.
+    if (current) current->forgetCollector(this);
+    current.reset();
     // Records still queued are written; a rollover meanwhile finds no client
     // and leaves its file for the next run.
     serializer.stopWriterThread();
