@@ -320,7 +320,11 @@ TEST(BinderWire, StubsAnswerInLibbindersLayoutAndDispatchByTheRules) {
 
 class CountingDefault : public IZEMManager {
   public:
-    explicit CountingDefault(std::atomic<int>* destroyed) : destroyed(destroyed) {}
+    // Owned by a unique_ptr, never by sp<>: with the weak lifetime libutils
+    // frees its reference bookkeeping when the object is deleted.
+    explicit CountingDefault(std::atomic<int>* destroyed) : destroyed(destroyed) {
+        extendObjectLifetime(OBJECT_LIFETIME_WEAK);
+    }
     ~CountingDefault() override { ++*destroyed; }
     Status registerZEMClient(const std::string&, const sp<IZEMCallback>&,
                              std::string* token) override {
