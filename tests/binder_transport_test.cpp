@@ -697,6 +697,26 @@ TEST(HostBinder, RegistryDeathAndMalformedPeers) {
     EXPECT_EQ(1, obit->count.load());
 }
 
+TEST(HostBinder, OneWayCallsToOneObjectRunOneAtATimeInOrder) {
+    android::ProcessState::self()->startThreadPool();
+    sp<FakeManager> manager = new FakeManager();
+    // A proxy on our own object, so that the calls go through the pool.
+    Parcel flattened;
+    ASSERT_EQ(android::OK, flattened.writeStrongBinder(manager));
+    android::hostbinder::FlatBinderHeader flat;
+    memcpy(&flat, flattened.data(), sizeof(flat));
+    const std::string endpoint(reinterpret_cast<const char*>(flattened.data()) + sizeof(flat),
+                               flat.endpointLength);
+    sp<IZEMManager> proxy = new BpZEMManager(android::BpBinder::create(endpoint, flat.objectId));
+    const int kCalls = 300;
+    for (int i = 0; i < kCalls; ++i) {
+        ASSERT_TRUE(proxy->checkForPendingCampaign(std::to_string(i)).isOk());
+    }
+    ASSERT_TRUE(zem_e2e::eventually([&] { return manager->callLog().size() == kCalls; }));
+    const std::vector<std::string> calls = manager->callLog();
+    for (int i = 0; i < kCalls; ++i) ASSERT_EQ("pending " + std::to_string(i), calls[i]);
+}
+
 // ---- zemAIDLClient ---------------------------------------------------------------
 
 // A collector whose campaign and connection calls are only counted.

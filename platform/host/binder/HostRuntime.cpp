@@ -394,8 +394,34 @@ void HostRuntime::poolLoop() {
             --mPoolIdle;
             in = mQueue.front();
             mQueue.pop_front();
+            // One-way calls to one object run one at a time, in the order
+            // they arrived, as libbinder delivers them; a call arriving while
+            // another runs waits behind it.
+            if ((in.header.flags & IBinder::FLAG_ONEWAY) != 0) {
+                AsyncQueue& q = mAsync[in.header.object];
+                if (q.busy) {
+                    q.pending.push_back(in);
+                    continue;
+                }
+                q.busy = true;
+            }
         }
         serveTransaction(in);
+        if ((in.header.flags & IBinder::FLAG_ONEWAY) == 0) continue;
+        for (;;) {
+            Incoming next;
+            {
+                std::lock_guard<std::mutex> lock(mLock);
+                auto it = mAsync.find(in.header.object);
+                if (it->second.pending.empty()) {
+                    mAsync.erase(it);
+                    break;
+                }
+                next = it->second.pending.front();
+                it->second.pending.pop_front();
+            }
+            serveTransaction(next);
+        }
     }
 }
 

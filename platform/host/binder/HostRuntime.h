@@ -11,6 +11,7 @@
 //    started) and queues transactions for the pool;
 //  - pool threads ("binder:<pid>_<n>") run queued transactions: one at
 //    startThreadPool, more on demand up to the maximum (15 by default);
+//    one-way calls to one object run one at a time in arrival order;
 //  - the death-watch thread ("hbinder_death") holds every death-link
 //    connection, both the ones this process opened as a proxy (their end of
 //    file fires the proxy's obituaries, on that thread) and the ones other
@@ -89,6 +90,11 @@ class HostRuntime {
         int fd;
         FrameHeader header;
     };
+    // One-way calls to one object: whether one runs, and those waiting.
+    struct AsyncQueue {
+        bool busy = false;
+        std::deque<Incoming> pending;
+    };
     struct Listener {
         int fd;
         std::string service;  // empty for the process endpoint
@@ -132,6 +138,7 @@ class HostRuntime {
 
     std::condition_variable mPoolCv;
     std::deque<Incoming> mQueue;
+    std::map<uint64_t, AsyncQueue> mAsync;
     bool mPoolStarted = false;
     size_t mPoolThreads = 0;
     size_t mPoolIdle = 0;
