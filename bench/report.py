@@ -96,9 +96,17 @@ if w and raw:
     row("writer thread, counter records", "%.0f k/s" % (rate / 1e3), "%.0f k/s" % (rawrate / 1e3),
         "raw write(2) per record", ">= 500 k/s, >= 0.5x raw",
         "%.2fx %s" % (rate / rawrate, "ok" if rate >= 5e5 and rate >= rawrate / 2 else "MISSED"))
-for name, b in sorted(grpc.items()):
-    if "MiB" in name or "MB" in name or "Bytes" in name:
-        pass
+send = grpc.get("BM_SendDataVsUnixSocket/4194304/manual_time")
+if send:
+    slower = 1 / send["grpc_vs_unix"]
+    row("SendData of a 4 MiB file over gRPC", "%.0f MB/s" % send["grpc_MBps"],
+        "%.0f MB/s" % send["unix_MBps"], "same bytes over a plain Unix socket",
+        "<= 2x the socket's time", "%.2fx %s" % (slower, "ok" if slower <= 2 else "MISSED"))
+for size in ("4096", "4194304"):
+    b = grpc.get("BM_StopToDelivered/%s/manual_time" % size)
+    if b:
+        row("stopCampaign to file at the daemon, %s bytes" % size, "%.2f ms" % (ns(b, "real_time") / 1e6),
+            "-", "", "reported", "-")
 reg = zem.get("BM_ZemRegister/iterations:200/repeats:5_median")
 if reg:
     v = ns(reg) / 1e3
