@@ -4,6 +4,7 @@
 #include <binder/ProcessState.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <thread>
 
 using android::sp;
@@ -31,8 +32,12 @@ Status ZemBinderService::registerZEMClient(const std::string& name,
     {
         std::lock_guard<std::mutex> lock(daemon.mutex);
         // The pid keeps tokens of a restarted daemon apart from the old ones.
-        *token = "zemd-" + std::to_string(getpid()) + "-" + std::to_string(daemon.nextToken++);
-        daemon.clients[*token].name = name;
+        const uint64_t order = daemon.nextToken++;
+        *token = "zemd-" + std::to_string(getpid()) + "-" + std::to_string(order);
+        ZemDaemon::ClientRecord& rec = daemon.clients[*token];
+        rec.name = name;
+        rec.binder = true;
+        rec.order = order;
     }
     {
         std::lock_guard<std::mutex> lock(timerMutex);
@@ -45,7 +50,7 @@ Status ZemBinderService::registerZEMClient(const std::string& name,
 }
 
 Status ZemBinderService::checkForPendingCampaign(const std::string& token) {
-    if (daemon.options.haveCampaign) push(token, true);
+    if (daemon.currentCampaign()) push(token, true);
     return Status::ok();
 }
 
@@ -59,9 +64,11 @@ void ZemBinderService::push(const std::string& token, bool start) {
     }
     const std::string name = daemon.clientName(token);
     std::vector<uint8_t> config;
+    const std::shared_ptr<const LTCCampaignDef> campaign = daemon.currentCampaign();
     if (start) {
+        if (!campaign) return;
         std::string bytes;
-        daemon.options.campaign.SerializeToString(&bytes);
+        campaign->SerializeToString(&bytes);
         config.assign(bytes.begin(), bytes.end());
     }
     const char* command = start ? "startCampaign" : "stopCampaign";
@@ -77,9 +84,8 @@ void ZemBinderService::push(const std::string& token, bool start) {
                 .add("written", status.isOk());
         std::string text = "-> " + name + " " + command + " (binder)";
         if (start) {
-            text += " (" + std::to_string(daemon.options.campaign.kpicfgs_size()) +
-                    " KPIs, payload " +
-                    std::to_string(daemon.options.campaign.cfg_payload().size()) + " bytes)";
+            text += " (" + std::to_string(campaign->kpicfgs_size()) + " KPIs, payload " +
+                    std::to_string(campaign->cfg_payload().size()) + " bytes)";
         }
         daemon.emit("command", f, text + (status.isOk() ? "" : " [call failed]"));
     }
@@ -129,7 +135,7 @@ void ZemBinderService::timerLoop() {
 }
 
 int ZemBinderService::pushToAll(bool start) {
-    if (start && !daemon.options.haveCampaign) return -1;
+    if (start && !daemon.currentCampaign()) return -1;
     std::vector<std::string> tokens;
     {
         std::lock_guard<std::mutex> lock(timerMutex);
@@ -137,6 +143,28 @@ int ZemBinderService::pushToAll(bool start) {
     }
     for (const std::string& t : tokens) push(t, start);
     return static_cast<int>(tokens.size());
+}
+
+std::vector<ZemDaemon::ClientRow> ZemBinderService::listClients() {
+    std::vector<std::string> tokens;
+    {
+        std::lock_guard<std::mutex> lock(timerMutex);
+        for (const auto& c : callbacks) tokens.push_back(c.first);
+    }
+    std::vector<std::pair<uint64_t, ZemDaemon::ClientRow>> rows;
+    {
+        std::lock_guard<std::mutex> lock(daemon.mutex);
+        for (const std::string& t : tokens) {
+            const auto it = daemon.clients.find(t);
+            if (it == daemon.clients.end() || it->second.deregistered) continue;
+            rows.push_back({it->second.order, {it->second.name, "-", "binder", t}});
+        }
+    }
+    std::sort(rows.begin(), rows.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<ZemDaemon::ClientRow> out;
+    for (auto& r : rows) out.push_back(std::move(r.second));
+    return out;
 }
 
 Status ZemBinderService::deregisterZEMClient(const std::string& token) {
@@ -150,6 +178,11 @@ Status ZemBinderService::deregisterZEMClient(const std::string& token) {
             name = it->second.name;
             it->second.deregistered = true;
         }
+    }
+    if (known) {
+        // A deregistered client gets no further campaign commands.
+        std::lock_guard<std::mutex> lock(timerMutex);
+        callbacks.erase(token);
     }
     JsonObject f;
     f.add("token", token).add("name", name).add("known", known).add("transport", "binder");

@@ -38,6 +38,10 @@ class ZemBinderService : public BnZEMManager {
     // number of clients tried.
     int pushToAll(bool start);
 
+    // Registered binder clients that have not deregistered and whose
+    // callback has not failed, in registration order.
+    std::vector<ZemDaemon::ClientRow> listClients();
+
     android::binder::Status registerZEMClient(const std::string& name,
                                               const android::sp<IZEMCallback>& callback,
                                               std::string* token) override;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -48,7 +49,40 @@ const char* commandName(const olvan::CommandRequest& c) {
 }  // namespace
 
 ZemDaemon::ZemDaemon(DaemonOptions options)
-    : options(std::move(options)), startTime(std::chrono::steady_clock::now()) {}
+    : options(std::move(options)), startTime(std::chrono::steady_clock::now()) {
+    if (this->options.haveCampaign) {
+        campaign = std::make_shared<const LTCCampaignDef>(this->options.campaign);
+    }
+}
+
+void ZemDaemon::setCampaign(const LTCCampaignDef& def) {
+    auto next = std::make_shared<const LTCCampaignDef>(def);
+    std::lock_guard<std::mutex> lock(mutex);
+    campaign = std::move(next);
+}
+
+std::shared_ptr<const LTCCampaignDef> ZemDaemon::currentCampaign() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return campaign;
+}
+
+std::vector<ZemDaemon::ClientRow> ZemDaemon::listGrpcClients() {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<std::pair<uint64_t, ClientRow>> rows;
+    for (const auto& s : streams) {
+        const auto it = clients.find(s->token);
+        if (it == clients.end() || it->second.deregistered || it->second.binder) continue;
+        const ClientRecord& c = it->second;
+        rows.push_back({c.order,
+                        {c.name, std::to_string(c.major) + "." + std::to_string(c.minor), "grpc",
+                         it->first}});
+    }
+    std::sort(rows.begin(), rows.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<ClientRow> out;
+    for (auto& r : rows) out.push_back(std::move(r.second));
+    return out;
+}
 
 double ZemDaemon::elapsed() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - startTime).count();
@@ -84,8 +118,10 @@ grpc::Status ZemDaemon::Register(grpc::ServerContext* /*context*/, const olvan::
     {
         std::lock_guard<std::mutex> lock(mutex);
         // The pid keeps tokens of a restarted daemon apart from the old ones.
-        token = "zemd-" + std::to_string(getpid()) + "-" + std::to_string(nextToken++);
+        const uint64_t order = nextToken++;
+        token = "zemd-" + std::to_string(getpid()) + "-" + std::to_string(order);
         ClientRecord& rec = clients[token];
+        rec.order = order;
         rec.name = request->name();
         rec.major = request->major();
         rec.minor = request->minor();
@@ -212,7 +248,7 @@ olvan::CommandRequest ZemDaemon::makeCommand(Command command) {
         case Command::kStartCampaign: {
             auto* start = c.mutable_startcampaign();
             start->set_campaignid(1);
-            options.campaign.SerializeToString(start->mutable_campaignconfig());
+            if (campaign) campaign->SerializeToString(start->mutable_campaignconfig());
             break;
         }
         case Command::kStopCampaign:
@@ -231,9 +267,9 @@ olvan::CommandRequest ZemDaemon::makeCommand(Command command) {
 }
 
 int ZemDaemon::queueCommand(Command command) {
-    if (command == Command::kStartCampaign && !options.haveCampaign) return -1;
-    const olvan::CommandRequest c = makeCommand(command);
     std::lock_guard<std::mutex> lock(mutex);
+    if (command == Command::kStartCampaign && !campaign) return -1;
+    const olvan::CommandRequest c = makeCommand(command);
     for (const auto& s : streams) s->outbox.push_back(c);
     cv.notify_all();
     return static_cast<int>(streams.size());
@@ -261,7 +297,7 @@ grpc::Status ZemDaemon::CommandStream(
         std::lock_guard<std::mutex> lock(mutex);
         if (stopping) return grpc::Status(grpc::StatusCode::UNAVAILABLE, "zemd is shutting down");
         streams.push_back(rec);
-        if (options.haveCampaign) rec->outbox.push_back(makeCommand(Command::kStartCampaign));
+        if (campaign) rec->outbox.push_back(makeCommand(Command::kStartCampaign));
     }
     {
         JsonObject f;
@@ -318,8 +354,10 @@ grpc::Status ZemDaemon::CommandStream(
             std::string text =
                     "-> " + name + " " + commandName(c) + " seq_no=" + std::to_string(c.seq_no());
             if (c.has_startcampaign()) {
-                text += " (" + std::to_string(options.campaign.kpicfgs_size()) + " KPIs, payload " +
-                        std::to_string(options.campaign.cfg_payload().size()) + " bytes)";
+                LTCCampaignDef sent;
+                sent.ParseFromString(c.startcampaign().campaignconfig());
+                text += " (" + std::to_string(sent.kpicfgs_size()) + " KPIs, payload " +
+                        std::to_string(sent.cfg_payload().size()) + " bytes)";
             }
             emit("command", f, text + (ok ? "" : " [write failed]"));
             lock.lock();

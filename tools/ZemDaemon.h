@@ -1,6 +1,6 @@
 // ZemDaemon: the olvan.SPC service of the reference daemon zemd.
 //
-// Hands out tokens, pushes the configured campaign to every client whose
+// Hands out tokens, pushes the current campaign to every client whose
 // command stream opens (and stops it after a configured time), stores and
 // decodes every delivered cache file, and prints one event line per call, as
 // readable text or as JSON lines.
@@ -8,8 +8,9 @@
 // Owned by zemd's main(), which registers it with a gRPC server. Its handlers
 // run on the server's threads; each open command stream keeps one handler
 // thread (the stream's only writer) plus one reader thread of its own. The
-// control operations (queueCommand, endStreams, shutdown) may be called from
-// any thread. `mutex` guards the clients, the streams and the counters;
+// control operations (setCampaign, queueCommand, endStreams, listClients,
+// shutdown) may be called from any thread. `mutex` guards the campaign, the
+// clients, the streams and the counters;
 // `outMutex` keeps each event's lines together on standard output.
 #pragma once
 
@@ -61,6 +62,25 @@ class ZemDaemon final : public olvan::SPC::Service {
     // -1 for kStartCampaign without a campaign.
     int queueCommand(Command command);
 
+    // Replaces the campaign that start commands carry (and that new streams
+    // and binder clients asking for a pending campaign receive).
+    void setCampaign(const LTCCampaignDef& campaign);
+
+    // The current campaign, or null when none was given yet.
+    std::shared_ptr<const LTCCampaignDef> currentCampaign();
+
+    // One registered, not deregistered client that can still receive
+    // commands: a gRPC client with an open command stream, or a binder client
+    // (`live` is filled by the binder service).
+    struct ClientRow {
+        std::string name;
+        std::string version;  // "major.minor"; "-" when the transport reports none
+        std::string transport;
+        std::string token;
+    };
+    // gRPC clients with an open stream, in registration order.
+    std::vector<ClientRow> listGrpcClients();
+
     // Ends every open command stream (the clients see their stream end).
     void endStreams();
 
@@ -82,6 +102,8 @@ class ZemDaemon final : public olvan::SPC::Service {
         int32_t major = 0;
         int32_t minor = 0;
         bool deregistered = false;
+        bool binder = false;
+        uint64_t order = 0;
     };
     struct StreamRecord {
         std::string token;
@@ -90,6 +112,7 @@ class ZemDaemon final : public olvan::SPC::Service {
         bool readerDone = false;
     };
 
+    // With `mutex` held.
     olvan::CommandRequest makeCommand(Command command);
     std::string clientName(const std::string& token);
     std::string storeFile(const std::string& name, uint64_t seq, const std::string& bytes,
@@ -101,6 +124,7 @@ class ZemDaemon final : public olvan::SPC::Service {
 
     std::mutex mutex;
     std::condition_variable cv;
+    std::shared_ptr<const LTCCampaignDef> campaign;
     std::map<std::string, ClientRecord> clients;
     std::list<std::shared_ptr<StreamRecord>> streams;
     bool stopping = false;

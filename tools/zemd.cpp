@@ -1,8 +1,6 @@
 // zemd: a reference collection daemon for developing and testing zem_sdk
 // clients. See usage() for what it does and how to run it.
 #include <fcntl.h>
-#include <google/protobuf/io/tokenizer.h>
-#include <google/protobuf/text_format.h>
 #include <grpcpp/grpcpp.h>
 #include <pthread.h>
 #include <signal.h>
@@ -22,7 +20,9 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "tools/CampaignFile.h"
 #include "tools/ZemBinderService.h"
 #include "tools/ZemDaemon.h"
 
@@ -43,27 +43,37 @@ void usage(FILE* out) {
             "A reference collection daemon: serves olvan.SPC on a Unix socket, hands out\n"
             "tokens, pushes a campaign to every client whose command stream opens, and\n"
             "stores and decodes every cache file the clients deliver. Every call is\n"
-            "printed as one event line on standard output.\n"
+            "printed as one event line on standard output; problems go to standard error.\n"
             "\n"
             "It also serves IZEMManager as vendor_zemsdkservice on the host binder runtime\n"
             "(registry HOST_BINDER_REGISTRY, default \"default\"), pushing the campaign\n"
             "when a binder client asks for a pending one.\n"
             "\n"
             "options:\n"
-            "  --socket PATH         Unix socket to serve (default %s)\n"
-            "  --campaign FILE       campaign (LTCCampaignDef in protobuf text format) pushed\n"
-            "                        to each client when its command stream opens\n"
-            "  --stop-after SECONDS  stop each client's campaign this long after starting it\n"
-            "  --out DIR             store each delivered file in DIR (created if missing)\n"
-            "  --json                print events and windows as JSON lines\n"
-            "  --control             read commands from standard input, one per line:\n"
-            "                        start, stop, start-collection, stop-collection, empty\n"
-            "                        (sent to every open stream), end (end every stream),\n"
-            "                        quit; end of input also quits\n"
-            "  -h, --help            this text\n"
+            "  --socket PATH          Unix socket to serve (default %s)\n"
+            "  --control-socket PATH  control socket for zemctl (default: the socket's path\n"
+            "                         followed by .ctl)\n"
+            "  --campaign FILE        campaign (LTCCampaignDef in protobuf text format) pushed\n"
+            "                         to each client when its command stream opens\n"
+            "  --stop-after SECONDS   stop each client's campaign this long after starting it\n"
+            "  --out DIR              store each delivered file in DIR (created if missing)\n"
+            "  --json                 print events and windows as JSON lines\n"
+            "  --control              also read control commands from standard input, one\n"
+            "                         per line; end of input quits\n"
+            "  -h, --help             this text\n"
+            "\n"
+            "control commands (zemctl sends them over the control socket):\n"
+            "  push FILE         make FILE the campaign and start it on every client\n"
+            "  start             start the current campaign again on every client\n"
+            "  stop              stop the campaign on every client\n"
+            "  clients           list clients: name, version, transport, token (tab-separated)\n"
+            "  start-collection, stop-collection, empty\n"
+            "                    send that command on every gRPC command stream\n"
+            "  end               end every gRPC command stream (clients re-register)\n"
+            "  quit              stop zemd\n"
             "\n"
             "It runs until SIGINT or SIGTERM (or quit). Exit status: 0 after a clean stop,\n"
-            "2 for a bad option or campaign file, 3 when the socket cannot be served,\n"
+            "2 for a bad option or campaign file, 3 when a socket cannot be served,\n"
             "4 when the output folder cannot be written.\n"
             "\n"
             "examples:\n"
@@ -71,52 +81,22 @@ void usage(FILE* out) {
             "/tmp/zem\n"
             "  zemd --socket /tmp/spc.sock --campaign c.txtpb --json | grep "
             "'\"event\":\"window\"'\n"
+            "  zemd --socket /tmp/spc.sock &  zemctl --socket /tmp/spc.sock push c.txtpb\n"
             "  zemdump /tmp/zem/*.kpidata\n",
             kDefaultSocket);
 }
 
-// Collects the text parser's complaints as "FILE:LINE:COLUMN: message".
-class CampaignErrors : public google::protobuf::io::ErrorCollector {
-  public:
-    explicit CampaignErrors(std::string file) : file(std::move(file)) {}
-    void AddError(int line, google::protobuf::io::ColumnNumber column,
-                  const std::string& message) override {
-        text += file + ":" + std::to_string(line + 1) + ":" + std::to_string(column + 1) + ": " +
-                message + "\n";
-    }
-    std::string text;
-
-  private:
-    std::string file;
-};
-
 bool loadCampaign(const std::string& file, LTCCampaignDef* def) {
-    std::ifstream in(file);
-    if (!in) {
-        fprintf(stderr, "zemd: cannot read campaign file %s: %s\n", file.c_str(), strerror(errno));
-        return false;
-    }
-    std::stringstream ss;
-    ss << in.rdbuf();
-    CampaignErrors errors(file);
-    google::protobuf::TextFormat::Parser parser;
-    parser.RecordErrorsTo(&errors);
-    if (!parser.ParseFromString(ss.str(), def)) {
-        fprintf(stderr, "zemd: bad campaign file:\n%s", errors.text.c_str());
+    std::string error;
+    if (!zemtools::loadCampaignFile(file, def, &error)) {
+        fprintf(stderr, "zemd: bad campaign file:\n%s", error.c_str());
         return false;
     }
     // Clients refuse campaigns outside their fixed limits; say so early.
-    auto warn = [&file](const std::string& what) {
+    for (const std::string& problem : zemtools::campaignLimitProblems(*def)) {
         fprintf(stderr, "zemd: warning: %s: %s; clients will refuse this campaign\n", file.c_str(),
-                what.c_str());
-    };
-    if (def->size_threshold() < 100 || def->size_threshold() > 4194304)
-        warn("size_threshold " + std::to_string(def->size_threshold()) +
-             " is outside 100..4194304");
-    if (def->time_threshold() < 1 || def->time_threshold() > 21600)
-        warn("time_threshold " + std::to_string(def->time_threshold()) + " is outside 1..21600");
-    if (def->kpicfgs_size() > 1024) warn("more than 1024 kpiCfgs");
-    if (def->cfg_payload().size() > 1048576) warn("cfg_payload is larger than 1048576 bytes");
+                problem.c_str());
+    }
     return true;
 }
 
@@ -194,37 +174,174 @@ void requestExit() {
     gExitCv.notify_all();
 }
 
-void controlLoop(ZemDaemon* daemon) {
+// What one control command produced: lines for the asker's standard output
+// and standard error, informational lines, and whether it succeeded.
+struct ControlReply {
+    std::vector<std::string> out, err, info;
+    bool ok = true;
+    bool quit = false;
+    void fail(const std::string& message) {
+        err.push_back(message);
+        ok = false;
+    }
+};
+
+// Runs one control command; shared by --control (standard input) and the
+// control socket.
+ControlReply runControl(ZemDaemon* daemon, const std::string& line) {
     using C = ZemDaemon::Command;
+    ControlReply reply;
+    const size_t space = line.find(' ');
+    const std::string word = line.substr(0, space);
+    std::string arg = space == std::string::npos ? "" : line.substr(space + 1);
+    while (!arg.empty() && arg.front() == ' ') arg.erase(0, 1);
+    if (!arg.empty() && word != "push") {
+        reply.fail("'" + word + "' takes no argument");
+        return reply;
+    }
+    int n = 0;
+    if (word == "quit") {
+        reply.quit = true;
+    } else if (word == "push") {
+        if (arg.empty()) {
+            reply.fail("push needs a campaign file");
+            return reply;
+        }
+        LTCCampaignDef def;
+        std::string error;
+        if (!zemtools::loadCampaignFile(arg, &def, &error)) {
+            std::istringstream lines(error);
+            for (std::string l; std::getline(lines, l);) reply.err.push_back(l);
+            reply.ok = false;
+            return reply;
+        }
+        for (const std::string& problem : zemtools::campaignLimitProblems(def)) {
+            reply.err.push_back("warning: " + problem + "; clients will refuse this campaign");
+        }
+        daemon->setCampaign(def);
+        n = daemon->queueCommand(C::kStartCampaign);
+        if (gBinderService != nullptr) n += gBinderService->pushToAll(true);
+        reply.info.push_back("campaign " + arg + " (" + std::to_string(def.kpicfgs_size()) +
+                             " KPIs) sent to " + std::to_string(n) + " clients");
+    } else if (word == "start") {
+        n = daemon->queueCommand(C::kStartCampaign);
+        if (n < 0) {
+            reply.fail("no campaign to start (give one with push FILE or zemd --campaign)");
+        } else if (gBinderService != nullptr) {
+            n += gBinderService->pushToAll(true);
+        }
+    } else if (word == "stop") {
+        n = daemon->queueCommand(C::kStopCampaign);
+        if (gBinderService != nullptr) n += gBinderService->pushToAll(false);
+        reply.info.push_back("stop sent to " + std::to_string(n) + " clients");
+    } else if (word == "clients") {
+        std::vector<ZemDaemon::ClientRow> rows = daemon->listGrpcClients();
+        if (gBinderService != nullptr) {
+            for (auto& r : gBinderService->listClients()) rows.push_back(std::move(r));
+        }
+        for (const auto& r : rows) {
+            reply.out.push_back(r.name + "\t" + r.version + "\t" + r.transport + "\t" + r.token);
+        }
+        n = static_cast<int>(rows.size());
+    } else if (word == "start-collection") {
+        n = daemon->queueCommand(C::kStartCollection);
+    } else if (word == "stop-collection") {
+        n = daemon->queueCommand(C::kStopCollection);
+    } else if (word == "empty") {
+        n = daemon->queueCommand(C::kEmpty);
+    } else if (word == "end") {
+        daemon->endStreams();
+    } else {
+        reply.fail("unknown control command '" + line + "'");
+        return reply;
+    }
+    zemtools::JsonObject f;
+    f.add("command", line).add("streams", n).add("ok", reply.ok);
+    daemon->emit("control", f, line + (reply.ok ? "" : " (failed)"));
+    return reply;
+}
+
+std::string trimmed(std::string line) {
+    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
+    return line;
+}
+
+void stdinControlLoop(ZemDaemon* daemon) {
     std::string line;
     while (std::getline(std::cin, line)) {
-        while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-        int n = 0;
+        line = trimmed(line);
         if (line.empty()) continue;
-        if (line == "quit") break;
-        if (line == "start") {
-            n = daemon->queueCommand(C::kStartCampaign);
-            if (n >= 0 && gBinderService != nullptr) n += gBinderService->pushToAll(true);
-        } else if (line == "stop") {
-            n = daemon->queueCommand(C::kStopCampaign);
-            if (gBinderService != nullptr) n += gBinderService->pushToAll(false);
-        } else if (line == "start-collection") {
-            n = daemon->queueCommand(C::kStartCollection);
-        } else if (line == "stop-collection") {
-            n = daemon->queueCommand(C::kStopCollection);
-        } else if (line == "empty") {
-            n = daemon->queueCommand(C::kEmpty);
-        } else if (line == "end") {
-            daemon->endStreams();
-        } else {
-            fprintf(stderr, "zemd: unknown control command '%s'\n", line.c_str());
-            continue;
-        }
-        zemtools::JsonObject f;
-        f.add("command", line).add("streams", n);
-        daemon->emit("control", f, line + (n < 0 ? " (no campaign configured)" : ""));
+        const ControlReply reply = runControl(daemon, line);
+        // Standard output carries the event stream; answers go to stderr.
+        for (const auto& l : reply.out) fprintf(stderr, "%s\n", l.c_str());
+        for (const auto& l : reply.err) fprintf(stderr, "zemd: %s\n", l.c_str());
+        if (reply.quit) break;
     }
     requestExit();
+}
+
+// The control socket: one command per connection. The asker writes one line;
+// zemd answers with lines "out TEXT", "err TEXT" and "info TEXT" and a last
+// line "ok" or "fail", then closes the connection.
+void controlSocketLoop(ZemDaemon* daemon, int listenFd) {
+    for (;;) {
+        const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED) continue;
+            return;
+        }
+        // A silent asker cannot hold the loop for long.
+        timeval tv{5, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+        std::string line;
+        char c;
+        bool complete = false;
+        while (line.size() < 4096 && read(fd, &c, 1) == 1) {
+            if (c == '\n') {
+                complete = true;
+                break;
+            }
+            line += c;
+        }
+        std::string answer;
+        bool quit = false;
+        if (!complete) {
+            answer = "err a control command is one line ending in a newline\nfail\n";
+        } else {
+            const ControlReply reply = runControl(daemon, trimmed(line));
+            for (const auto& l : reply.out) answer += "out " + l + "\n";
+            for (const auto& l : reply.err) answer += "err " + l + "\n";
+            for (const auto& l : reply.info) answer += "info " + l + "\n";
+            answer += reply.ok ? "ok\n" : "fail\n";
+            quit = reply.quit;
+        }
+        size_t done = 0;
+        while (done < answer.size()) {
+            const ssize_t w = send(fd, answer.data() + done, answer.size() - done, MSG_NOSIGNAL);
+            if (w <= 0) break;
+            done += static_cast<size_t>(w);
+        }
+        close(fd);
+        if (quit) requestExit();
+    }
+}
+
+// Binds and listens on `path` (already checked by checkSocketPath); -1 with a
+// message on failure.
+int listenControlSocket(const std::string& path) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), path.size());
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        listen(fd, 16) != 0) {
+        fprintf(stderr, "zemd: cannot serve control socket %s: %s\n", path.c_str(),
+                strerror(errno));
+        if (fd >= 0) close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 }  // namespace
@@ -232,6 +349,7 @@ void controlLoop(ZemDaemon* daemon) {
 int main(int argc, char** argv) {
     DaemonOptions options;
     std::string socketPath = kDefaultSocket;
+    std::string controlPath;
     std::string campaignFile;
     bool control = false;
 
@@ -250,6 +368,8 @@ int main(int argc, char** argv) {
         } else if (arg == "--socket") {
             socketPath = value("--socket");
             if (socketPath.rfind("unix:", 0) == 0) socketPath.erase(0, 5);
+        } else if (arg == "--control-socket") {
+            controlPath = value("--control-socket");
         } else if (arg == "--campaign") {
             campaignFile = value("--campaign");
         } else if (arg == "--stop-after") {
@@ -281,7 +401,14 @@ int main(int argc, char** argv) {
         options.haveCampaign = true;
     }
     if (!options.outDir.empty() && !prepareOutDir(options.outDir)) return kExitOutDir;
-    if (!checkSocketPath(socketPath)) return kExitSocket;
+    if (controlPath.empty()) controlPath = socketPath + ".ctl";
+    if (controlPath == socketPath) {
+        fprintf(stderr, "zemd: --control-socket must differ from --socket\n");
+        return kExitUsage;
+    }
+    if (!checkSocketPath(socketPath) || !checkSocketPath(controlPath)) return kExitSocket;
+    const int controlFd = listenControlSocket(controlPath);
+    if (controlFd < 0) return kExitSocket;
 
     // Signals are taken by one thread with sigwait; every other thread
     // inherits the mask.
@@ -301,12 +428,14 @@ int main(int argc, char** argv) {
     std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
     if (!server) {
         fprintf(stderr, "zemd: cannot listen on unix:%s\n", socketPath.c_str());
+        unlink(controlPath.c_str());
         return kExitSocket;
     }
 
     {
         zemtools::JsonObject f;
         f.add("socket", "unix:" + socketPath)
+                .add("control_socket", controlPath)
                 .add("pid", static_cast<int64_t>(getpid()))
                 .add("campaign", campaignFile)
                 .add("kpis", options.campaign.kpicfgs_size())
@@ -335,7 +464,8 @@ int main(int argc, char** argv) {
         sigwait(&signals, &sig);
         requestExit();
     }).detach();
-    if (control) std::thread(controlLoop, &daemon).detach();
+    if (control) std::thread(stdinControlLoop, &daemon).detach();
+    std::thread(controlSocketLoop, &daemon, controlFd).detach();
 
     {
         std::unique_lock<std::mutex> lock(gExitMutex);
@@ -346,7 +476,9 @@ int main(int argc, char** argv) {
     server->Shutdown(std::chrono::system_clock::now() + std::chrono::seconds(2));
     server.reset();
     struct stat st;
-    if (lstat(socketPath.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) unlink(socketPath.c_str());
+    for (const std::string& path : {socketPath, controlPath}) {
+        if (lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) unlink(path.c_str());
+    }
     daemon.emit("exit", zemtools::JsonObject(), "stopped");
     fflush(stdout);
     // Detached threads may still sit in sigwait or a read of standard input;

@@ -1,0 +1,70 @@
+#include "tools/CampaignFile.h"
+
+#include <google/protobuf/io/tokenizer.h>
+#include <google/protobuf/text_format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace zemtools {
+
+namespace {
+
+// Collects the text parser's complaints as "FILE:LINE:COLUMN: message".
+class ParseErrors : public google::protobuf::io::ErrorCollector {
+  public:
+    explicit ParseErrors(std::string file) : file(std::move(file)) {}
+    void AddError(int line, google::protobuf::io::ColumnNumber column,
+                  const std::string& message) override {
+        text += file + ":" + std::to_string(line + 1) + ":" + std::to_string(column + 1) + ": " +
+                message + "\n";
+    }
+    std::string text;
+
+  private:
+    std::string file;
+};
+
+}  // namespace
+
+bool loadCampaignFile(const std::string& file, LTCCampaignDef* def, std::string* error) {
+    std::ifstream in(file);
+    if (!in) {
+        *error = "cannot read campaign file " + file + ": " + strerror(errno) + "\n";
+        return false;
+    }
+    std::stringstream ss;
+    ss << in.rdbuf();
+    ParseErrors errors(file);
+    google::protobuf::TextFormat::Parser parser;
+    parser.RecordErrorsTo(&errors);
+    if (!parser.ParseFromString(ss.str(), def)) {
+        *error = errors.text.empty() ? file + ": not a campaign\n" : errors.text;
+        return false;
+    }
+    return true;
+}
+
+std::vector<std::string> campaignLimitProblems(const LTCCampaignDef& def) {
+    std::vector<std::string> out;
+    if (def.size_threshold() < 100 || def.size_threshold() > 4194304) {
+        out.push_back("size_threshold " + std::to_string(def.size_threshold()) +
+                      " is outside 100..4194304");
+    }
+    if (def.time_threshold() < 1 || def.time_threshold() > 21600) {
+        out.push_back("time_threshold " + std::to_string(def.time_threshold()) +
+                      " is outside 1..21600");
+    }
+    if (def.kpicfgs_size() > 1024) {
+        out.push_back(std::to_string(def.kpicfgs_size()) + " kpiCfgs, more than 1024");
+    }
+    if (def.cfg_payload().size() > 1048576) {
+        out.push_back("cfg_payload of " + std::to_string(def.cfg_payload().size()) +
+                      " bytes, more than 1048576");
+    }
+    return out;
+}
+
+}  // namespace zemtools
