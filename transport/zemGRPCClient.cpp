@@ -93,33 +93,15 @@ void zemGRPCClient::StreamSession::serve() {
 
     olvan::CommandRequest request;
     while (stream->Read(&request)) {
-        printOut("received cmd: ");
         olvan::CommandResponse response;
-        // The daemon expects seq_no 0 whatever the request carried.
-        response.set_seq_no(0);
-        response.set_status(0);
-        switch (request.event_oneof_case()) {
-            case olvan::CommandRequest::kStartCampaign:
-                printOut("startCampaign\n");
-                response.set_status(withCollector([&request](zem_collector* c) {
-                    return c->StartCampaign(request.startcampaign().campaignconfig());
-                }));
-                break;
-            case olvan::CommandRequest::kStopCampaign:
-                printOut("stopCampaign\n");
-                response.set_status(
-                        withCollector([](zem_collector* c) { return c->StopCampaign(); }));
-                break;
-            case olvan::CommandRequest::kStartCollection:
-            case olvan::CommandRequest::kStopCollection:
-                response.set_status(-1);
-                break;
-            case olvan::CommandRequest::EVENT_ONEOF_NOT_SET:
-                continue;
+        bool answer;
+        {
+            std::lock_guard<std::recursive_mutex> lock(link->mutex);
+            answer = zem::internal::dispatchCommand(request, link->collector, &response);
         }
         // A failed write is not acted on: the next read tells whether the
         // stream is still alive.
-        SendCommandResponse(response);
+        if (answer) SendCommandResponse(response);
     }
     // Releases the call; returns at once since the read already failed.
     stream->Finish();
@@ -129,6 +111,34 @@ void zemGRPCClient::StreamSession::serve() {
     // client then detaches this thread, and this session stays alive through
     // the thread's own reference.
     withCollector([](zem_collector* c) { return c->LostConn(); });
+}
+
+bool zem::internal::dispatchCommand(const olvan::CommandRequest& request, zem_collector* collector,
+                                    olvan::CommandResponse* response) {
+    printOut("received cmd: ");
+    // The daemon expects seq_no 0 whatever the request carried.
+    response->set_seq_no(0);
+    response->set_status(0);
+    switch (request.event_oneof_case()) {
+        case olvan::CommandRequest::kStartCampaign:
+            printOut("startCampaign\n");
+            response->set_status(
+                    collector != nullptr
+                            ? collector->StartCampaign(request.startcampaign().campaignconfig())
+                            : -1);
+            return true;
+        case olvan::CommandRequest::kStopCampaign:
+            printOut("stopCampaign\n");
+            response->set_status(collector != nullptr ? collector->StopCampaign() : -1);
+            return true;
+        case olvan::CommandRequest::kStartCollection:
+        case olvan::CommandRequest::kStopCollection:
+            response->set_status(-1);
+            return true;
+        case olvan::CommandRequest::EVENT_ONEOF_NOT_SET:
+            break;
+    }
+    return false;
 }
 
 zemGRPCClient::zemGRPCClient() : zemGRPCClient(kDefaultTarget) {}

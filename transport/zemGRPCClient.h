@@ -32,6 +32,20 @@
 #include "spc.grpc.pb.h"
 #include "transport/zemTransportClient.h"
 
+namespace zem {
+namespace internal {
+
+// The command stream's handling of one request, without the stream: runs the
+// command on `collector` (null: a forgotten collector, answered -1) and fills
+// `response` with what the stream writes back. False when the request
+// carries no command, which gets no answer. The caller holds whatever lock
+// guards `collector`.
+bool dispatchCommand(const olvan::CommandRequest& request, zem_collector* collector,
+                     olvan::CommandResponse* response);
+
+}  // namespace internal
+}  // namespace zem
+
 class zemGRPCClient : public zemTransportClient {
   public:
     // The daemon's fixed socket.
