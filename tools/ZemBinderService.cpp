@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <thread>
 
+#include "tools/ZemFault.h"
+
 using android::sp;
 using android::binder::Status;
 using zemtools::JsonObject;
@@ -29,6 +31,9 @@ android::status_t ZemBinderService::publish() {
 
 Status ZemBinderService::registerZEMClient(const std::string& name,
                                            const sp<IZEMCallback>& callback, std::string* token) {
+    if (const int code = zemfault::beforeRegister()) {
+        return Status::fromServiceSpecificError(code, "zemd --fault register-status");
+    }
     {
         std::lock_guard<std::mutex> lock(daemon.mutex);
         // The pid keeps tokens of a restarted daemon apart from the old ones.
@@ -69,12 +74,15 @@ void ZemBinderService::push(const std::string& token, bool start) {
         if (!campaign) return;
         std::string bytes;
         campaign->SerializeToString(&bytes);
+        zemfault::corruptCampaign(&bytes);
         config.assign(bytes.begin(), bytes.end());
     }
     const char* command = start ? "startCampaign" : "stopCampaign";
     int32_t result = -1;
-    const Status status =
-            callback->onCampaignEvent(start ? 256 : 512, 1, config, 0, token, &result);
+    Status status;
+    if (!start || !zemfault::sendBadEvent(callback, &status)) {
+        status = callback->onCampaignEvent(start ? 256 : 512, 1, config, 0, token, &result);
+    }
     {
         JsonObject f;
         f.add("clientid", token)
@@ -193,6 +201,9 @@ Status ZemBinderService::deregisterZEMClient(const std::string& token) {
 
 Status ZemBinderService::sendData(const std::vector<uint8_t>& data, const std::string& token,
                                   bool* result) {
+    if (const int code = zemfault::beforeSend()) {
+        return Status::fromServiceSpecificError(code, "zemd --fault send-status");
+    }
     std::string name = daemon.clientName(token);
     if (name.empty()) name = "unknown";
     uint64_t seq;

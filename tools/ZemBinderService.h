@@ -49,6 +49,9 @@ class ZemBinderService : public BnZEMManager {
     android::binder::Status deregisterZEMClient(const std::string& token) override;
     android::binder::Status sendData(const std::vector<uint8_t>& data, const std::string& token,
                                      bool* result) override;
+    // Defined in ZemFault.cpp: lets --fault bad-reply garble a reply.
+    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                                 uint32_t flags) override;
 
   private:
     // Calls the client's onCampaignEvent and prints the command and answer.

@@ -9,6 +9,8 @@
 #include <thread>
 #include <utility>
 
+#include "tools/ZemFault.h"
+
 using zemtools::JsonObject;
 
 namespace {
@@ -126,7 +128,7 @@ grpc::Status ZemDaemon::Register(grpc::ServerContext* /*context*/, const olvan::
         rec.major = request->major();
         rec.minor = request->minor();
     }
-    response->set_status(0);
+    response->set_status(zemfault::beforeRegister());
     response->set_token(token);
 
     JsonObject f;
@@ -193,6 +195,9 @@ std::string ZemDaemon::storeFile(const std::string& name, uint64_t seq, const st
 grpc::Status ZemDaemon::SendData(grpc::ServerContext* context, const olvan::Data* request,
                                  olvan::Response* response) {
     const std::string clientid = metadata(context, "clientid");
+    if (const int code = zemfault::beforeSend()) {
+        return grpc::Status(static_cast<grpc::StatusCode>(code), "zemd --fault send-status");
+    }
     std::string name = clientName(clientid);
     if (name.empty()) name = "unknown";
     uint64_t seq;
@@ -249,6 +254,7 @@ olvan::CommandRequest ZemDaemon::makeCommand(Command command) {
             auto* start = c.mutable_startcampaign();
             start->set_campaignid(1);
             if (campaign) campaign->SerializeToString(start->mutable_campaignconfig());
+            zemfault::corruptCampaign(start->mutable_campaignconfig());
             break;
         }
         case Command::kStopCampaign:
@@ -263,6 +269,7 @@ olvan::CommandRequest ZemDaemon::makeCommand(Command command) {
         case Command::kEmpty:
             break;
     }
+    zemfault::corruptCommand(&c);
     return c;
 }
 
@@ -374,10 +381,14 @@ grpc::Status ZemDaemon::CommandStream(
             rec->outbox.push_back(makeCommand(Command::kStopCampaign));
             continue;
         }
+        if (zemfault::dropStreamNow()) {
+            reason = "dropped by --fault drop-streams";
+            break;
+        }
         if (stopDue) {
-            cv.wait_until(lock, stopAt);
+            cv.wait_until(lock, std::min(stopAt, Clock::now() + zemfault::streamPoll()));
         } else {
-            cv.wait(lock);
+            cv.wait_for(lock, zemfault::streamPoll());
         }
     }
     const bool readerDone = rec->readerDone;

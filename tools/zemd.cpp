@@ -25,6 +25,7 @@
 #include "tools/CampaignFile.h"
 #include "tools/ZemBinderService.h"
 #include "tools/ZemDaemon.h"
+#include "tools/ZemFault.h"
 
 namespace {
 
@@ -60,6 +61,8 @@ void usage(FILE* out) {
             "  --json                 print events and windows as JSON lines\n"
             "  --control              also read control commands from standard input, one\n"
             "                         per line; end of input quits\n"
+            "  --fault NAME[=VALUE]   misbehave on purpose, for fault-injection tests\n"
+            "                         (repeatable; the names are listed in tools/ZemFault.h)\n"
             "  -h, --help             this text\n"
             "\n"
             "control commands (zemctl sends them over the control socket):\n"
@@ -387,6 +390,12 @@ int main(int argc, char** argv) {
             options.json = true;
         } else if (arg == "--control") {
             control = true;
+        } else if (arg == "--fault") {
+            std::string error;
+            if (!zemfault::add(value("--fault"), &error)) {
+                fprintf(stderr, "zemd: %s\n", error.c_str());
+                return kExitUsage;
+            }
         } else {
             fprintf(stderr, "zemd: unknown option %s (see zemd --help)\n", arg.c_str());
             return kExitUsage;
@@ -440,7 +449,8 @@ int main(int argc, char** argv) {
                 .add("campaign", campaignFile)
                 .add("kpis", options.campaign.kpicfgs_size())
                 .add("stop_after", options.stopAfter)
-                .add("out", options.outDir);
+                .add("out", options.outDir)
+                .add("faults", zemfault::describe());
         std::string text = "unix:" + socketPath + " pid " + std::to_string(getpid());
         if (options.haveCampaign) {
             text += ", campaign " + campaignFile + " (" +
