@@ -168,6 +168,27 @@ TEST_F(ToolsTest, ZemctlStartsStopsAndListsLiveClientsOfBothTransports) {
     EXPECT_EQ(daemon->err(), "");
 }
 
+TEST_F(ToolsTest, ClientsThatDieLeaveTheClientList) {
+    auto daemon = startDaemon();
+    auto grpc = std::make_unique<Child>(std::vector<std::string>{E2E_CLIENT_BIN, "--socket", socket,
+                                                                 "--cache", dir.file("cache")},
+                                        dir.file("grpc.out"), dir.file("grpc.err"));
+    auto binder =
+            std::make_unique<Child>(std::vector<std::string>{BINDER_E2E_CLIENT_BIN, "--collectors",
+                                                             "2", "--cache", dir.file("cache")},
+                                    dir.file("binder.out"), dir.file("binder.err"));
+    ASSERT_TRUE(eventually([&] { return lines(zemctl({"clients"}).out).size() == 3; }))
+            << daemon->out();
+
+    grpc->signal(SIGKILL);
+    grpc->waitExit();
+    ASSERT_TRUE(eventually([&] { return lines(zemctl({"clients"}).out).size() == 2; }));
+    binder->signal(SIGKILL);
+    binder->waitExit();
+    ASSERT_TRUE(eventually([&] { return zemctl({"clients"}).out.empty(); })) << daemon->out();
+    EXPECT_EQ(events(daemon->out(), "died").size(), 2u);
+}
+
 TEST_F(ToolsTest, ZemctlAndZemdExplainFailuresWithDistinctStatuses) {
     // No daemon.
     ToolRun r = zemctl({"stop"});

@@ -44,14 +44,27 @@ Status ZemBinderService::registerZEMClient(const std::string& name,
         rec.binder = true;
         rec.order = order;
     }
+    const android::sp<ClientDeath> death = new ClientDeath(this, *token);
     {
         std::lock_guard<std::mutex> lock(timerMutex);
         callbacks[*token] = callback;
+        deaths[*token] = death;
     }
+    if (callback != nullptr) IZEMCallback::asBinder(callback)->linkToDeath(death, nullptr, 0);
     JsonObject f;
     f.add("name", name).add("transport", "binder").add("token", *token);
     daemon.emit("register", f, "name=" + name + " (binder) token=" + *token);
     return Status::ok();
+}
+
+void ZemBinderService::ClientDeath::binderDied(const android::wp<android::IBinder>& /*who*/) {
+    {
+        std::lock_guard<std::mutex> lock(service->timerMutex);
+        service->callbacks.erase(token);
+    }
+    JsonObject f;
+    f.add("token", token).add("transport", "binder");
+    service->daemon.emit("died", f, "binder client of token " + token + " died");
 }
 
 Status ZemBinderService::checkForPendingCampaign(const std::string& token) {

@@ -54,6 +54,19 @@ class ZemBinderService : public BnZEMManager {
                                  uint32_t flags) override;
 
   private:
+    // Forgets a client whose process died, so that it leaves the list of
+    // clients at once rather than at the next failed push.
+    class ClientDeath : public android::IBinder::DeathRecipient {
+      public:
+        ClientDeath(ZemBinderService* service, std::string token)
+            : service(service), token(std::move(token)) {}
+        void binderDied(const android::wp<android::IBinder>& who) override;
+
+      private:
+        ZemBinderService* service;  // outlives every client: zemd never drops it
+        const std::string token;
+    };
+
     // Calls the client's onCampaignEvent and prints the command and answer.
     void push(const std::string& token, bool start);
     void timerLoop();
@@ -62,6 +75,7 @@ class ZemBinderService : public BnZEMManager {
     std::mutex timerMutex;
     std::condition_variable timerCv;
     std::map<std::string, android::sp<IZEMCallback>> callbacks;
+    std::map<std::string, android::sp<ClientDeath>> deaths;
     std::multimap<std::chrono::steady_clock::time_point, std::string> stops;
     bool timerRunning = false;
 };
