@@ -368,6 +368,189 @@ void cacheAndDumpSeeds() {
     seed("cache_fuzzer", "empty_dir_rollovers", rollover.str());
 }
 
+// Parcel ops in the format of BinderFuzzSupport.h.
+struct ParcelOps {
+    zem_fuzz::ByteWriter w;
+    ParcelOps& token(uint8_t which) {
+        w.u8(0).u8(which);
+        return *this;
+    }
+    ParcelOps& i32(int32_t v) {
+        w.u8(1).u32(static_cast<uint32_t>(v));
+        return *this;
+    }
+    ParcelOps& i64(int64_t v) {
+        w.u8(2).u64(static_cast<uint64_t>(v));
+        return *this;
+    }
+    ParcelOps& str(const std::string& s) {
+        w.u8(3).u8(0).blob(s);
+        return *this;
+    }
+    ParcelOps& registeredToken() {
+        w.u8(3).u8(1).blob("");
+        return *this;
+    }
+    ParcelOps& bytes(const std::string& s) {
+        w.u8(4).blob(s);
+        return *this;
+    }
+    ParcelOps& binder(uint8_t which) {
+        w.u8(5).u8(which);
+        return *this;
+    }
+    ParcelOps& boolean(bool b) {
+        w.u8(6).u8(b ? 1 : 0);
+        return *this;
+    }
+    ParcelOps& status(int32_t exception, const std::string& message) {
+        w.u8(8).u32(static_cast<uint32_t>(exception)).u32(0).blob(message);
+        return *this;
+    }
+};
+
+constexpr uint8_t kManagerToken = 0;
+constexpr uint8_t kCallbackToken = 1;
+constexpr int32_t kExIllegalState = -5;
+
+struct BinderSeed {
+    std::string name;
+    uint8_t code;  // request code, or the manager call slot - 1 for replies
+    bool oneway;
+    std::string ops;
+};
+
+std::vector<BinderSeed> managerRequests() {
+    return {
+            {"manager_register", 1, false,
+             ParcelOps().token(kManagerToken).str("camera.pipeline").binder(2).w.str()},
+            {"manager_check_pending", 2, true,
+             ParcelOps().token(kManagerToken).registeredToken().w.str()},
+            {"manager_deregister_empty_token", 3, false,
+             ParcelOps().token(kManagerToken).str("").w.str()},
+            {"manager_send_data", 4, false,
+             ParcelOps().token(kManagerToken).bytes("\x08\x01").registeredToken().w.str()},
+            {"manager_wrong_descriptor", 1, false,
+             ParcelOps().token(kCallbackToken).str("x").binder(0).w.str()},
+    };
+}
+
+std::vector<BinderSeed> callbackRequests() {
+    const std::string campaign = bytesOf(everyKind());
+    return {
+            {"callback_campaign_start", 1, false,
+             ParcelOps()
+                     .token(kCallbackToken)
+                     .i32(256)
+                     .i64(5)
+                     .bytes(campaign)
+                     .i32(0)
+                     .registeredToken()
+                     .w.str()},
+            {"callback_campaign_stop", 1, false,
+             ParcelOps()
+                     .token(kCallbackToken)
+                     .i32(512)
+                     .i64(5)
+                     .bytes("")
+                     .i32(0)
+                     .registeredToken()
+                     .w.str()},
+            {"callback_unknown_token", 1, false,
+             ParcelOps()
+                     .token(kCallbackToken)
+                     .i32(256)
+                     .i64(5)
+                     .bytes(campaign)
+                     .i32(0)
+                     .str("nobody")
+                     .w.str()},
+    };
+}
+
+// Replies, by manager call slot (0 register ... 3 sendData).
+std::vector<BinderSeed> managerReplies() {
+    return {
+            {"reply_register_token", 0, false, ParcelOps().status(0, "").str("tok-1").w.str()},
+            {"reply_register_refused", 0, false,
+             ParcelOps().status(kExIllegalState, "no room").w.str()},
+            {"reply_deregister_ok", 2, false, ParcelOps().status(0, "").w.str()},
+            {"reply_send_data_true", 3, false, ParcelOps().status(0, "").boolean(true).w.str()},
+    };
+}
+
+void binderSeeds() {
+    for (const BinderSeed& s : managerRequests()) {
+        seed("binder_fuzzer", s.name,
+             zem_fuzz::ByteWriter().u8(0).u8(s.code).u8(s.oneway).u8(0).raw(s.ops).str());
+        // The same request as another process sends it to the daemon object.
+        seed("binder_wire_fuzzer", s.name,
+             zem_fuzz::ByteWriter()
+                     .u8(0)
+                     .u8(0)
+                     .u8(1)
+                     .u8(1)
+                     .u8(s.code)
+                     .u8(s.oneway)
+                     .u32(0)
+                     .u8(0)
+                     .u8(0)
+                     .raw(s.ops)
+                     .str());
+    }
+    for (const BinderSeed& s : callbackRequests()) {
+        seed("binder_fuzzer", s.name,
+             zem_fuzz::ByteWriter().u8(1).u8(s.code).u8(0).u8(0).raw(s.ops).str());
+        seed("binder_wire_fuzzer", s.name,
+             zem_fuzz::ByteWriter()
+                     .u8(0)
+                     .u8(0)
+                     .u8(1)
+                     .u8(2)
+                     .u8(s.code)
+                     .u8(0)
+                     .u32(0)
+                     .u8(0)
+                     .u8(0)
+                     .raw(s.ops)
+                     .str());
+    }
+    for (const BinderSeed& s : managerReplies()) {
+        seed("binder_fuzzer", s.name,
+             zem_fuzz::ByteWriter().u8(2).u8(s.code).u8(0).u8(0).raw(s.ops).str());
+        seed("binder_wire_fuzzer", s.name,
+             zem_fuzz::ByteWriter()
+                     .u8(2)
+                     .u8(s.code)
+                     .u8(0)
+                     .u8(2)
+                     .u8(0)
+                     .u8(0)
+                     .u8(0)
+                     .u32(0)
+                     .u8(0)
+                     .u8(0)
+                     .raw(s.ops)
+                     .str());
+    }
+    seed("binder_fuzzer", "reply_campaign_event_result",
+         zem_fuzz::ByteWriter()
+                 .u8(3)
+                 .u8(0)
+                 .u8(0)
+                 .u8(0)
+                 .raw(ParcelOps().status(0, "").i32(0).w.str())
+                 .str());
+    seed("binder_fuzzer", "reply_unknown_transaction",
+         zem_fuzz::ByteWriter().u8(2).u8(3).u8(1).u8(0).str());
+
+    // A death link to the daemon object, and a service lookup.
+    seed("binder_wire_fuzzer", "link_to_manager",
+         zem_fuzz::ByteWriter().u8(0).u8(0).u8(4).u8(1).u8(0).u8(0).u32(0).u8(0).u8(0).str());
+    seed("binder_wire_fuzzer", "service_lookup",
+         zem_fuzz::ByteWriter().u8(1).u8(0).u8(3).u8(0).u8(0).u8(0).u32(0).u8(0).u8(0).str());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -382,5 +565,6 @@ int main(int argc, char** argv) {
     commandSeeds();
     kpiSeeds();
     cacheAndDumpSeeds();
+    binderSeeds();
     return 0;
 }

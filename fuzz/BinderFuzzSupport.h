@@ -1,0 +1,172 @@
+// Pieces shared by the binder fuzz targets and the seed generator: a daemon
+// stand-in serving IZEMManager, a parcel built from fuzz input, and a
+// process set up as a binder client registered with that stand-in.
+//
+// Parcel ops read by buildParcel, until the input ends (at most kMaxOps):
+//   0 interface token: u8 which (0 "IZEMManager", 1 "IZEMCallback", else a
+//     blob as UTF-8)         1 int32: u32        2 int64: u64
+//   3 string: u8 (odd: the registered token) then blob (UTF-8, sent as UTF-16)
+//   4 byte vector: blob      5 strong binder: u8 (0 null, 1 manager, 2
+//     callback)              6 bool: u8          7 raw bytes: blob
+//   8 binder::Status: u32 exception code, u32 service-specific code, blob
+//     message
+// op % 9 picks the operation.
+#pragma once
+
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <binder/Status.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "collector/zem_collector.h"
+#include "fuzz/FuzzSupport.h"
+#include "transport/IZEMCallback.h"
+#include "transport/IZEMManager.h"
+#include "transport/zemAIDLClient.h"
+
+namespace zem_fuzz {
+
+constexpr const char* kServiceName = "vendor_zemsdkservice";
+constexpr const char* kToken = "fuzz-token";
+
+// The daemon's side of IZEMManager, answering at once. A deregistration with
+// an empty token is refused with an exception, so replies carry both kinds of
+// status.
+class FakeManager : public BnZEMManager {
+  public:
+    android::binder::Status registerZEMClient(const std::string& name,
+                                              const android::sp<IZEMCallback>&,
+                                              std::string* token) override {
+        *token = name.empty() ? std::string() : kToken;
+        return android::binder::Status::ok();
+    }
+    android::binder::Status checkForPendingCampaign(const std::string&) override {
+        return android::binder::Status::ok();
+    }
+    android::binder::Status deregisterZEMClient(const std::string& token) override {
+        if (token.empty()) {
+            return android::binder::Status::fromExceptionCode(
+                    android::binder::Status::EX_ILLEGAL_ARGUMENT, "empty token");
+        }
+        return android::binder::Status::ok();
+    }
+    android::binder::Status sendData(const std::vector<uint8_t>& data, const std::string&,
+                                     bool* result) override {
+        *result = !data.empty();
+        return android::binder::Status::ok();
+    }
+};
+
+// The binder objects of the set-up process.
+struct BinderWorld {
+    android::sp<FakeManager> manager;
+    android::sp<IZEMCallback> callback;  // the client's callback object
+    zem_collector* collector = nullptr;  // registered under kToken
+    ScratchDir* cache = nullptr;
+};
+
+// Publishes the stand-in in a registry of this process's own (so parallel
+// runs never meet), starts the pool, and registers one collector through the
+// binder client. Call once, before any other binder use.
+inline BinderWorld& binderWorld() {
+    static BinderWorld* world = [] {
+        auto* w = new BinderWorld();
+        const std::string registry = "zem_fuzz_" + std::to_string(getpid());
+        setenv("HOST_BINDER_REGISTRY", registry.c_str(), 1);
+        w->manager = new FakeManager();
+        if (android::defaultServiceManager()->addService(android::String16(kServiceName),
+                                                         w->manager) != android::OK) {
+            abort();
+        }
+        android::ProcessState::self()->startThreadPool();
+
+        w->cache = new ScratchDir();
+        zem_cfg_s cfg{};
+        cfg.name = "fuzz.binder";
+        cfg.version = 0x0100;
+        cfg.cache_dir = w->cache->path().c_str();
+        cfg.transport = 1;
+        w->collector = new zem_collector(cfg);
+        if (zemAIDLClient::getClientInstance()->registerClient("fuzz.binder", 0x0100,
+                                                               w->collector) != 0) {
+            abort();
+        }
+        w->callback = new zemAIDLClient::ZEMCallbackImpl();
+        return w;
+    }();
+    return *world;
+}
+
+constexpr int kMaxParcelOps = 64;
+
+inline void buildParcel(ByteReader& in, android::Parcel* p, int maxOps = kMaxParcelOps) {
+    BinderWorld& world = binderWorld();
+    for (int i = 0; i < maxOps && !in.empty(); ++i) {
+        switch (in.u8() % 9) {
+            case 0: {
+                const uint8_t which = in.u8();
+                if (which == 0) {
+                    p->writeInterfaceToken(IZEMManager::descriptor);
+                } else if (which == 1) {
+                    p->writeInterfaceToken(IZEMCallback::descriptor);
+                } else {
+                    p->writeInterfaceToken(android::String16(in.blob().c_str()));
+                }
+                break;
+            }
+            case 1:
+                p->writeInt32(static_cast<int32_t>(in.u32()));
+                break;
+            case 2:
+                p->writeInt64(static_cast<int64_t>(in.u64()));
+                break;
+            case 3: {
+                const bool registered = (in.u8() & 1) != 0;
+                const std::string s = in.blob();
+                p->writeUtf8AsUtf16(registered ? std::string(kToken) : s);
+                break;
+            }
+            case 4: {
+                const std::string s = in.blob();
+                p->writeByteVector(std::vector<uint8_t>(s.begin(), s.end()));
+                break;
+            }
+            case 5: {
+                const uint8_t which = in.u8() % 3;
+                android::sp<android::IBinder> b;
+                if (which == 1) b = world.manager;
+                if (which == 2) b = IZEMCallback::asBinder(world.callback);
+                p->writeStrongBinder(b);
+                break;
+            }
+            case 6:
+                p->writeBool((in.u8() & 1) != 0);
+                break;
+            case 7: {
+                const std::string s = in.blob();
+                p->write(s.data(), s.size());
+                break;
+            }
+            default: {
+                const int32_t exception = static_cast<int32_t>(in.u32());
+                const int32_t code = static_cast<int32_t>(in.u32());
+                const std::string message = in.blob();
+                android::binder::Status status =
+                        exception == android::binder::Status::EX_SERVICE_SPECIFIC
+                                ? android::binder::Status::fromServiceSpecificError(code,
+                                                                                    message.c_str())
+                                : android::binder::Status::fromExceptionCode(exception,
+                                                                             message.c_str());
+                status.writeToParcel(p);
+                break;
+            }
+        }
+    }
+}
+
+}  // namespace zem_fuzz
