@@ -1,0 +1,184 @@
+// e2e_fault_client: a zem_sdk process for the fault-injection ledger and the
+// soak. It registers one collector through the C API and logs from one or
+// two threads while a campaign runs, each thread to its own counter KPI
+// (thread t to id t + 1) with values 0, 1, 2, ... in order, so that with
+// one-sample windows every delivered window names exactly one logged sample.
+//
+//   e2e_fault_client --transport grpc|binder [--socket PATH] --cache DIR
+//                    [--threads 1|2] [--rate N] [--ledger FILE] [--retry-ms N]
+//
+// --rate N   samples per second per thread (0: as fast as possible)
+// --ledger   a file whose first 16 bytes hold, per thread, the number of
+//            samples logged so far; written through a shared mapping, so
+//            it stays right when the process is killed
+//
+// Standard output: "fault: start N0 N1" when a campaign starts and "fault:
+// stop N0 N1" when one stops (the samples logged so far), "fault: end
+// RUNNING N0 N1" after `quit` (deregister and exit) on standard input.
+// The library's log goes to standard error.
+//
+// Logging pauses while a campaign changes: each thread logs under its own
+// mutex, and the start and stop callbacks take both.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "collector/CollectorSeams.h"
+#include "include/zem_sdk.h"
+#include "transport/zemGRPCClient.h"
+
+namespace {
+
+constexpr int kMaxThreads = 2;
+
+std::mutex gLocks[kMaxThreads];
+bool gRunning = false;  // written with every lock held
+int gThreads = 1;
+std::atomic<uint64_t>* gLogged = nullptr;  // one counter per thread
+std::atomic<bool> gQuit{false};
+
+void report(const char* what) {
+    printf("fault: %s %llu %llu\n", what, static_cast<unsigned long long>(gLogged[0].load()),
+           static_cast<unsigned long long>(gLogged[1].load()));
+    fflush(stdout);
+}
+
+void lockAll() {
+    for (int t = 0; t < kMaxThreads; ++t) gLocks[t].lock();
+}
+void unlockAll() {
+    for (int t = kMaxThreads - 1; t >= 0; --t) gLocks[t].unlock();
+}
+
+int32_t onStart(const uint8_t*, uint64_t) {
+    lockAll();
+    gRunning = true;
+    report("start");
+    unlockAll();
+    return 0;
+}
+
+int32_t onStop() {
+    lockAll();
+    gRunning = false;
+    report("stop");
+    unlockAll();
+    return 0;
+}
+
+void logLoop(zem_handle h, int t, long rate) {
+    const uint32_t id = static_cast<uint32_t>(t + 1);
+    const auto gap =
+            rate > 0 ? std::chrono::microseconds(1000000 / rate) : std::chrono::microseconds(0);
+    while (!gQuit.load()) {
+        bool running;
+        {
+            std::lock_guard<std::mutex> lock(gLocks[t]);
+            running = gRunning;
+            // A batch per lock at full speed; one sample per lock otherwise.
+            for (int i = 0; running && i < (rate > 0 ? 1 : 256); ++i) {
+                const uint64_t k = gLogged[t].load();
+                if (zem_log(h, id, static_cast<uint32_t>(k)) == 0) gLogged[t].store(k + 1);
+            }
+        }
+        if (!running) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        } else if (rate > 0) {
+            std::this_thread::sleep_for(gap);
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string transport = "grpc", socket, cache = ".", ledger;
+    long rate = 200, retryMs = 0;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string opt = argv[i];
+        const char* v = argv[i + 1];
+        if (opt == "--transport") {
+            transport = v;
+        } else if (opt == "--socket") {
+            socket = v;
+        } else if (opt == "--cache") {
+            cache = v;
+        } else if (opt == "--threads") {
+            gThreads = atoi(v);
+        } else if (opt == "--rate") {
+            rate = atol(v);
+        } else if (opt == "--ledger") {
+            ledger = v;
+        } else if (opt == "--retry-ms") {
+            retryMs = atol(v);
+        } else {
+            fprintf(stderr, "e2e_fault_client: unknown option %s\n", opt.c_str());
+            return 2;
+        }
+    }
+    if (gThreads < 1 || gThreads > kMaxThreads || (transport != "grpc" && transport != "binder")) {
+        fprintf(stderr, "e2e_fault_client: bad --threads or --transport\n");
+        return 2;
+    }
+    void* counters = nullptr;
+    const size_t size = sizeof(std::atomic<uint64_t>) * kMaxThreads;
+    if (!ledger.empty()) {
+        const int fd = open(ledger.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) return 1;
+        counters = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        close(fd);
+        if (counters == MAP_FAILED) return 1;
+    } else {
+        counters = calloc(1, size);
+    }
+    gLogged = new (counters) std::atomic<uint64_t>[kMaxThreads]();
+
+    if (!socket.empty()) {
+        const std::string target = "unix:" + socket;
+        zem::internal::setTransportFactory(
+                [target](uint32_t) -> std::shared_ptr<zemTransportClient> {
+                    return std::make_shared<zemGRPCClient>(target);
+                });
+    }
+    if (retryMs > 0) zem::internal::setRetryDelay(std::chrono::milliseconds(retryMs));
+
+    zem_cfg_s cfg{};
+    cfg.name = "fault";
+    cfg.version = 0x0100;
+    cfg.cache_dir = cache.c_str();
+    cfg.campaign_start_cb = onStart;
+    cfg.campaign_stop_cb = onStop;
+    cfg.transport = transport == "binder" ? ZEM_TRANSPORT_BINDER : ZEM_TRANSPORT_GRPC;
+    zem_handle h = zem_register(&cfg);
+    if (h == nullptr) return 1;
+
+    std::vector<std::thread> threads;
+    for (int t = 0; t < gThreads; ++t) threads.emplace_back(logLoop, h, t, rate);
+    std::string line;
+    while (std::getline(std::cin, line) && line != "quit") {
+    }
+    gQuit.store(true);
+    for (std::thread& t : threads) t.join();
+    bool running;
+    {
+        lockAll();
+        running = gRunning;
+        unlockAll();
+    }
+    const int32_t rc = zem_deregister(h);
+    printf("fault: deregistered %d\n", rc);
+    printf("fault: end %d %llu %llu\n", running ? 1 : 0,
+           static_cast<unsigned long long>(gLogged[0].load()),
+           static_cast<unsigned long long>(gLogged[1].load()));
+    fflush(stdout);
+    return 0;
+}

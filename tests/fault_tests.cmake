@@ -1,0 +1,17 @@
+# Fault injection with a loss ledger, and the soak: real zemd and client
+# processes driven by tests/e2e_fault_ledger.py and tests/soak.py. Included
+# from tests/CMakeLists.txt on Linux hosts.
+add_executable(e2e_fault_client e2e_fault_client.cpp)
+zem_warnings(e2e_fault_client)
+target_link_libraries(e2e_fault_client PRIVATE zem_capi)
+
+find_package(Python3 COMPONENTS Interpreter)
+if(Python3_FOUND)
+    set(_fault_args --zemd $<TARGET_FILE:zemd> --client $<TARGET_FILE:e2e_fault_client>)
+    # The quick scenarios: a few seconds each, bounded by the script itself.
+    add_test(NAME FaultLedger.QuickScenariosLoseNothingTheDesignKeeps
+             COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/e2e_fault_ledger.py
+                     ${_fault_args} --quick)
+    set_tests_properties(FaultLedger.QuickScenariosLoseNothingTheDesignKeeps
+                         PROPERTIES TIMEOUT 300)
+endif()
