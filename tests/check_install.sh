@@ -5,6 +5,10 @@
 set -euo pipefail
 build=$1
 src=$2
+# A sanitizer build's library needs its consumers built the same way.
+sanitize=${3:-}
+san_flags=""
+[ -n "$sanitize" ] && san_flags="-fsanitize=$sanitize"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -19,11 +23,12 @@ find_package(Threads REQUIRED)
 add_executable(frame_pipeline "$src/examples/frame_pipeline.c")
 target_link_libraries(frame_pipeline PRIVATE zem_sdk::zem_sdk Threads::Threads)
 CMAKE
-cmake -S "$work/cmake-consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake -S "$work/cmake-consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" \
+    -DCMAKE_C_FLAGS="$san_flags" -DCMAKE_EXE_LINKER_FLAGS="$san_flags" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 
 export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig"
-cc -std=c99 -Wall -Werror -o "$work/pc-frame_pipeline" "$src/examples/frame_pipeline.c" \
+cc -std=c99 -Wall -Werror $san_flags -o "$work/pc-frame_pipeline" "$src/examples/frame_pipeline.c" \
     $(pkg-config --cflags --libs zem_sdk) -pthread -Wl,-rpath,"$work/prefix/lib"
 
 for bin in "$work/cmake-build/frame_pipeline" "$work/pc-frame_pipeline"; do
