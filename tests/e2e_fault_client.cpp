@@ -10,7 +10,8 @@
 // --rate N   samples per second per thread (0: as fast as possible)
 // --ledger   a file whose first 16 bytes hold, per thread, the number of
 //            samples logged so far; written through a shared mapping, so
-//            it stays right when the process is killed
+//            it stays right when the process is killed. A new run on the
+//            same file continues the numbering.
 //
 // Standard output: "fault: start N0 N1" when a campaign starts and "fault:
 // stop N0 N1" when one stops (the samples logged so far), "fault: end
@@ -132,7 +133,7 @@ int main(int argc, char** argv) {
     void* counters = nullptr;
     const size_t size = sizeof(std::atomic<uint64_t>) * kMaxThreads;
     if (!ledger.empty()) {
-        const int fd = open(ledger.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        const int fd = open(ledger.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) return 1;
         counters = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         close(fd);

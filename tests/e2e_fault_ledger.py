@@ -53,10 +53,12 @@ def _die_with_parent():
 class Proc:
     """A child in its own process group, output in files; killed on close."""
 
-    def __init__(self, argv, out, env=None, stdin=False):
+    def __init__(self, argv, out, env=None, stdin=False, quiet=False):
         self.out_path, self.err_path = out + ".out", out + ".err"
+        open(self.err_path, "wb").close()
         self.p = subprocess.Popen(
-            argv, stdout=open(self.out_path, "wb"), stderr=open(self.err_path, "wb"),
+            argv, stdout=open(self.out_path, "wb"),
+            stderr=subprocess.DEVNULL if quiet else open(self.err_path, "wb"),
             stdin=subprocess.PIPE if stdin else subprocess.DEVNULL, env=env,
             start_new_session=True, preexec_fn=_die_with_parent)
 
@@ -152,14 +154,14 @@ class Scenario:
             raise RuntimeError(f"zemd did not come up: {d.err()[-500:]}")
         return d
 
-    def start_client(self, rate=200, threads=1, cache=None):
+    def start_client(self, rate=200, threads=1, cache=None, quiet=False):
         argv = self.client_wrapper + [
             self.args.client, "--transport", self.transport, "--cache", cache or self.cache,
             "--threads", str(threads), "--rate", str(rate), "--ledger", self.ledger]
         if self.transport == "grpc":
             argv += ["--socket", self.sock]
         c = Proc(argv, os.path.join(self.dir, f"client{len(self.clients)}"), env=self.env,
-                 stdin=True)
+                 stdin=True, quiet=quiet)
         self.clients.append(c)
         return c
 
