@@ -508,6 +508,41 @@ def drop_streams(s):
     return True
 
 
+def vm_hwm_kb(pid):
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith("VmHWM:"):
+                return int(line.split()[1])
+    return 0
+
+
+def limits_campaign(s):
+    """A campaign at every limit: 1024 histograms of 1024 bounds, 1 MiB payload."""
+    bounds = ", ".join(str(10 * i) for i in range(1, 1025))
+    kpis = "".join(f"kpiCfgs {{ id: {i} type: KPI_NUMERIC subType: HISTOGRAM "
+                   f"h_cfg {{ bucket_bounds: [{bounds}] underflow_en: true overflow_en: true }} "
+                   f"nof_samples: 1 }}\n" for i in range(1, 1025))
+    text = kpis + f'size_threshold: 4194304\ntime_threshold: 21600\ncfg_payload: "{"x" * 1048576}"\n'
+    path = os.path.join(s.dir, "limits.txtpb")
+    with open(path, "w") as f:
+        f.write(text)
+    s.campaign_file = lambda: path
+    s.start_daemon()
+    c = s.start_client()
+    time.sleep(1)
+    before = vm_hwm_kb(c.p.pid)
+    if not s.wait_running(timeout=30):
+        s.notes.append("campaign at the limits never started: " + c.err()[-200:])
+    s.wait_logged(300)
+    during = vm_hwm_kb(c.p.pid)
+    s.stop_and_drain(timeout=30)
+    after = vm_hwm_kb(c.p.pid)
+    s.notes.append(f"client VmHWM {before} kB registered, {during} kB with the campaign running, "
+                   f"{after} kB after its stop")
+    s.quit_client()
+    return True
+
+
 SCENARIOS = []
 
 
@@ -535,6 +570,7 @@ scenario("drop-streams-0.3", ("grpc",), drop_streams)
 scenario("bad-campaign", BOTH, broken(["bad-campaign"], stop=False), quick=True)
 scenario("bad-command", ("grpc",), broken(["bad-command"], stop=False), quick=True)
 scenario("bad-reply", ("binder",), broken(["bad-reply"], stop=False), quick=True)
+scenario("limits-campaign", BOTH, limits_campaign)
 scenario("bad-event", ("binder",), broken(["bad-event"], stop=False), quick=True)
 
 
