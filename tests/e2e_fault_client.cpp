@@ -141,7 +141,8 @@ int main(int argc, char** argv) {
     } else {
         counters = calloc(1, size);
     }
-    gLogged = new (counters) std::atomic<uint64_t>[kMaxThreads]();
+    // Not value-initialised: a ledger file of an earlier run keeps its counts.
+    gLogged = static_cast<std::atomic<uint64_t>*>(counters);
 
     if (!socket.empty()) {
         const std::string target = "unix:" + socket;

@@ -14,7 +14,9 @@ duplicates, and whether the scenario met its expectation.
 
 --quick runs the scenarios that take a few seconds each (registered with
 ctest); without it every scenario runs (about 15 minutes). Exit status 0
-when every scenario met its expectation, 1 otherwise.
+when every scenario met its expectation (no hang, no duplicate, and no loss
+where the design keeps the data), 1 otherwise; the hang findings documented
+in docs/reliability.md make the full run exit 1.
 
 Every wait is bounded; every child runs in its own process group, dies with
 this script, and is killed at the end of its scenario. Scenarios that need a
@@ -356,7 +358,9 @@ def daemon_kill(when, delay):
             s.wait_logged(200)
             s.stop_and_drain()
             s.quit_client()
-            return True
+            # A file whose delivery the kill cut short may be overtaken by the
+            # next one and never be sent again.
+            return when != "senddata"
         # The client gave up registering: show what a later run of the
         # process recovers from the cache folder.
         s.quit_client()
@@ -438,7 +442,7 @@ def cache_deleted(s):
         s.stop_and_drain()
         s.notes.append("folder recreated: the next campaign delivers again")
     s.quit_client()
-    return True
+    return False  # records written into the unlinked file and the failed stream
 
 
 def disk_full(s):
@@ -618,9 +622,8 @@ def main():
         # Every closed window arrived, or, where the design loses data, the
         # scenario says so (kept=False); never a duplicate, a stranger or a hang.
         bad = row["duplicates"] or row["strangers"] or any(n.startswith(("HANG", "ERROR")) for n in s.notes)
-        if kept and row["lost"]:
-            bad = bad or sc["quick"]
-        failed += bool(bad and sc["quick"])
+        bad = bad or (kept and row["lost"] > 0)
+        failed += bool(bad)
         rows.append(row)
         print(f"{sc['name']:34} {sc['transport']:9} {row['closed']:7} {row['received']:7} "
               f"{row['lost']:5} {row['stranded']:6} {row['duplicates']:4} {row['open_dropped']:4} "
