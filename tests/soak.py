@@ -88,9 +88,9 @@ def main():
             s.control("start" if flip % 2 == 0 else "stop", timeout=2)
             flip += 1
             if now >= next_sample:
-                st = proc_stats(c.p.pid)
+                st = proc_stats(c.p.pid) if c.alive() else None
                 if st is None:
-                    s.notes.append("client died")
+                    s.notes.append(f"client died after {now - start:.0f}s, status {c.p.poll()}")
                     break
                 samples.append((round(now - start, 1),) + st)
                 next_sample += 1
