@@ -7,8 +7,9 @@
 // cache line, where a binary search over 1024 ids is a chain of ten dependent
 // loads. No lock, no allocation on lookup.
 //
-// Not thread-safe. The table is changed only while a campaign starts or
-// stops, when the application is not logging.
+// Not thread-safe. A table is changed only by the thread that starts or
+// stops a campaign; the collector publishes a new table rather than change
+// one that logging threads may be reading (see zem_collector).
 #pragma once
 
 #include <algorithm>
@@ -34,15 +35,16 @@ class KPITable {
         }
     }
 
-    // Stores `kpi` under `id`, replacing (and deleting) any KPI already there.
-    void insertOrReplace(uint32_t id, std::unique_ptr<KPI> kpi) {
+    // Stores `kpi` under `id`. Returns the KPI it replaces, if any, so the
+    // caller decides when that one may be deleted.
+    std::unique_ptr<KPI> insertOrReplace(uint32_t id, std::unique_ptr<KPI> kpi) {
         KPI* raw = kpi.get();
         auto it = std::lower_bound(ids.begin(), ids.end(), id);
         const size_t pos = static_cast<size_t>(it - ids.begin());
         if (it != ids.end() && *it == id) {
-            kpis[pos] = std::move(kpi);
+            std::swap(kpis[pos], kpi);
             indexInsert(id, raw);
-            return;
+            return kpi;
         }
         ids.insert(it, id);
         kpis.insert(kpis.begin() + static_cast<std::ptrdiff_t>(pos), std::move(kpi));
@@ -51,6 +53,20 @@ class KPITable {
         } else {
             indexInsert(id, raw);
         }
+        return nullptr;
+    }
+
+    // Takes over every entry of `from` (this table must be empty), with room
+    // for `extra` more. `from` keeps its index, so a lookup still running in
+    // it finds the same KPIs, but it owns nothing and must not be iterated.
+    void adopt(KPITable& from, size_t extra) {
+        ids = from.ids;
+        kpis = std::move(from.kpis);
+        from.kpis.clear();
+        const size_t n = ids.size() + extra;
+        ids.reserve(n);
+        kpis.reserve(n);
+        rehash(8 * n);
     }
 
     // Makes room for `n` entries at once, so a campaign's KPIs go in without

@@ -163,7 +163,7 @@ void zem_collector::registrationLoop(RegistrationThread* self) {
 }
 
 int zem_collector::LostConn() {
-    if (!table.empty()) StopCampaign();
+    if (!table->empty()) StopCampaign();
     ZEM_LOGI("%s: zem_collector::LostConn deleteing client instance for token - %s", name.c_str(),
              getToken().c_str());
     std::shared_ptr<zemTransportClient> old;
@@ -204,19 +204,27 @@ int zem_collector::StartCampaign(const std::string& config) {
     }
     if (serializer.Initialize(def.size_threshold(), def.time_threshold()) != 0) return -1;
 
-    table.reserve(table.size() + static_cast<size_t>(def.kpicfgs_size()));
+    // The KPIs go into a new table, published when complete (or at the first
+    // failure, with those inserted so far), so logging threads never see a
+    // table being changed.
+    auto next = std::make_unique<KPITable>();
+    next->adopt(*table, static_cast<size_t>(def.kpicfgs_size()));
     for (const KPICfg& cfg : def.kpicfgs()) {
         std::string text;
         printer.PrintToString(cfg, &text);
         ZEM_LOGI("%s: Recvd KPICfg %s", name.c_str(), text.c_str());
         std::unique_ptr<KPI> kpi = KPI::Create(cfg, serializer);
         if (!kpi) {
+            publish(std::move(next));
             ZEM_LOGE("%s: error: could not create KPI id: %d from KPICfg", name.c_str(), cfg.id());
             return -1;
         }
         // The last KPICfg with a given id wins.
-        table.insertOrReplace(static_cast<uint32_t>(cfg.id()), std::move(kpi));
+        std::unique_ptr<KPI> replaced =
+                next->insertOrReplace(static_cast<uint32_t>(cfg.id()), std::move(kpi));
+        if (replaced) retiredKpis.push_back(std::move(replaced));
     }
+    publish(std::move(next));
 
     if (startCb != nullptr) {
         const std::string& payload = def.cfg_payload();
@@ -225,18 +233,28 @@ int zem_collector::StartCampaign(const std::string& config) {
     return 0;
 }
 
+void zem_collector::publish(std::unique_ptr<KPITable> next) {
+    retiredTables.push_back(std::move(table));
+    table = std::move(next);
+    published.store(table.get(), std::memory_order_release);
+}
+
 int zem_collector::StopCampaign() {
     ZEM_LOGI("%s: %s called for token - %s", name.c_str(), "StopCampaign", getToken().c_str());
     const int result = stopCb != nullptr ? stopCb() : 0;
-    // Every partly filled window becomes a record before its KPI goes.
-    table.forEach([](uint32_t, KPI& kpi) { kpi.Serialize(); });
-    table.clear();
+    // Every partly filled window becomes a record before its KPI goes. The
+    // application stops logging when told of the stop, so from here on
+    // nothing reads the tables and KPIs freed below.
+    table->forEach([](uint32_t, KPI& kpi) { kpi.Serialize(); });
+    table->clear();
+    retiredKpis.clear();
+    retiredTables.clear();
     serializer.Finalize();
     return result;
 }
 
 int zem_collector::Log(uint32_t id, const unsigned char* buf, uint32_t len) {
-    KPI* kpi = table.find(id);
+    KPI* kpi = liveTable()->find(id);
     if (kpi == nullptr) return -1;
     if (kpi->GetType() != KPI_BLOB) return -2;
     if (buf == nullptr) {

@@ -12,7 +12,13 @@
 //  - transport threads (gRPC command stream, binder pool): StartCampaign,
 //    StopCampaign, LostConn, setToken;
 //  - the serializer's writer thread: SendData.
-// The KPI table takes no lock: campaigns are started and stopped while the
+// The KPI table takes no lock. Logging threads read the published table
+// through one atomic pointer. A campaign start builds a new table and
+// publishes it, so a start that reaches a running campaign never changes or
+// frees anything a logging thread may be using: replaced KPIs and old tables
+// are kept until the next StopCampaign, whose stop callback runs first so the
+// application has stopped logging by the time they are freed. Campaigns are
+// otherwise started and stopped while the
 // application is not logging. Everything else shared between threads (the
 // client pointer, the token, the registration threads) is guarded by
 // stateMutex, which the logging path never touches.
@@ -20,6 +26,7 @@
 
 #include <google/protobuf/text_format.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <list>
@@ -81,7 +88,7 @@ class zem_collector {
     // line. -1 for an unknown id; a wrong type gives -1 on the numeric and
     // event paths and -2 on the state and blob paths.
     int Log(uint32_t id, uint32_t value) {
-        KPI* kpi = table.find(id);
+        KPI* kpi = liveTable()->find(id);
         if (kpi == nullptr || kpi->GetType() != KPI_NUMERIC) return -1;
         // A numeric KPI's subtype names its class, so the aggregation is a
         // direct call rather than a virtual one.
@@ -100,12 +107,12 @@ class zem_collector {
         return 0;
     }
     int LogEvent(uint32_t id, uint32_t /*value*/) {
-        KPI* kpi = table.find(id);
+        KPI* kpi = liveTable()->find(id);
         if (kpi == nullptr || kpi->GetType() != KPI_EVENT) return -1;
         return 0;
     }
     int LogState(uint32_t id, uint32_t /*from*/, uint32_t /*to*/) {
-        KPI* kpi = table.find(id);
+        KPI* kpi = liveTable()->find(id);
         if (kpi == nullptr) return -1;
         return kpi->GetType() == KPI_STATE ? 0 : -2;
     }
@@ -128,10 +135,15 @@ class zem_collector {
     // True while a registration thread is still attempting or waiting.
     bool registering() const;
 
-    const KPITable& kpiTable() const { return table; }
+    const KPITable& kpiTable() const { return *table; }
     KPISerializer& getSerializer() { return serializer; }
 
   private:
+    const KPITable* liveTable() const { return published.load(std::memory_order_acquire); }
+    // Makes `next` the table that logging threads read; the previous one is
+    // retired, not freed.
+    void publish(std::unique_ptr<KPITable> next);
+
     struct RegistrationThread {
         std::thread thread;
         bool done = false;
@@ -162,7 +174,13 @@ class zem_collector {
     zem_campaign_start_cb startCb;
     zem_campaign_stop_cb stopCb;
     std::shared_ptr<zemTransportClient> client;
-    KPITable table;
+    // The current table, owned here, and the same table as logging threads
+    // see it. Tables and KPIs replaced while a campaign ran wait in the
+    // retired lists until the next stop.
+    std::unique_ptr<KPITable> table = std::make_unique<KPITable>();
+    std::atomic<const KPITable*> published{table.get()};
+    std::vector<std::unique_ptr<KPITable>> retiredTables;
+    std::vector<std::unique_ptr<KPI>> retiredKpis;
     KPISerializer serializer;
     const uint32_t transport;
     std::string token;

@@ -67,7 +67,6 @@ int KPISerializer::GetFilesFromCache(std::vector<std::string>& files) {
 int KPISerializer::Initialize(unsigned int size_threshold, unsigned int time_threshold) {
     if (writerThread) {
         // A campaign merged into a running one keeps the file and the writer.
-        std::lock_guard<std::mutex> lock(queueMutex);
         sizeThreshold = size_threshold;
         timeThreshold = time_threshold;
         return 0;
@@ -201,6 +200,7 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
         }
         int count = 0;
         int64_t projected = fileSize;
+        const unsigned int threshold = sizeThreshold.load(std::memory_order_relaxed);
         bool rollover = false;
         while (count < kMaxBatch && count < static_cast<int>(records.size())) {
             const Record& rec = records[count];
@@ -210,7 +210,7 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
             iov[count].iov_len = bytes.size();
             projected += static_cast<int64_t>(bytes.size());
             ++count;
-            if (projected > static_cast<int64_t>(sizeThreshold)) {
+            if (projected > static_cast<int64_t>(threshold)) {
                 rollover = true;
                 break;
             }

@@ -25,6 +25,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -117,8 +118,10 @@ class KPISerializer {
     bool writeAll(const struct iovec* iov, int count);
 
     const std::string prefix;
-    unsigned int sizeThreshold = 0;
-    unsigned int timeThreshold = 0;
+    // Atomic: a campaign merged into a running one updates them while the
+    // writer reads them.
+    std::atomic<unsigned int> sizeThreshold{0};
+    std::atomic<unsigned int> timeThreshold{0};
     const std::string cacheDir;
     zem_collector* const collector;
 

@@ -283,6 +283,34 @@ TEST_F(CollectorTest, StopSerializesInIdOrderThenHandsOverEvenWithoutAWriter) {
     zem_deregister(h);
 }
 
+TEST_F(CollectorTest, AStartReachingARunningCampaignNeverPullsAKpiFromUnderALoggingThread) {
+    // The application cannot pause for a start that arrives while a campaign
+    // runs: its start callback comes only after the table has been filled.
+    zem_handle h = registered();
+    const std::string def =
+            campaign({counterCfg(1, 50), counterCfg(2, 7), blobCfg(3, 5, 16)}).SerializeAsString();
+    ASSERT_EQ(0, h->StartCampaign(def));
+    std::atomic<bool> done{false};
+    std::atomic<int> failures{0};
+    std::thread logger([&] {
+        const uint8_t buf[4] = {1, 2, 3, 4};
+        for (uint32_t v = 0; !done; ++v) {
+            if (zem_log(h, 1 + v % 2, v) != 0) ++failures;
+            if (zem_log_blob(h, 3, buf, sizeof buf) != 0) ++failures;
+        }
+    });
+    for (int i = 0; i < 300; ++i) ASSERT_EQ(0, h->StartCampaign(def));
+    done = true;
+    logger.join();
+    EXPECT_EQ(0, failures.load());  // every published table holds every id
+    h->StopCampaign();
+    for (const auto& f : transport->sentFiles()) {
+        olvan::KPIData data;
+        EXPECT_TRUE(data.ParseFromString(f.bytes));
+    }
+    zem_deregister(h);
+}
+
 TEST_F(CollectorTest, RegistrationRetriesThreeTimesAndResetsOnlyAnExistingClient) {
     transport->results = {5, 5, 5};
     LogCapture cap;
