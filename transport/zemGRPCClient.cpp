@@ -3,10 +3,12 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <set>
 #include <utility>
 
 #include "collector/zem_collector.h"
@@ -49,9 +51,51 @@ std::string readWholeFile(const std::string& filename) {
 }  // namespace
 
 struct zemGRPCClient::Link {
-    std::recursive_mutex mutex;
+    std::recursive_timed_mutex mutex;
     zem_collector* collector = nullptr;  // guarded by mutex; null once forgotten
+
+    // The unary calls in flight, so that a collector going away can cancel a
+    // call to a daemon that never answers. Guarded by callsMutex, never held
+    // while waiting for the daemon.
+    std::mutex callsMutex;
+    std::set<grpc::ClientContext*> calls;
+    bool cancelled = false;  // set once forgotten: later calls fail at once
+
+    void cancelCalls() {
+        std::lock_guard<std::mutex> lock(callsMutex);
+        cancelled = true;
+        for (grpc::ClientContext* c : calls) c->TryCancel();
+    }
 };
+
+namespace {
+
+// Registers a unary call's context with the link for as long as the call
+// runs.
+class CallScope {
+  public:
+    CallScope(const std::shared_ptr<zemGRPCClient::Link>& link, grpc::ClientContext* context)
+        : link(link), context(context) {
+        std::lock_guard<std::mutex> lock(link->callsMutex);
+        link->calls.insert(context);
+        if (link->cancelled) context->TryCancel();
+    }
+    ~CallScope() {
+        std::lock_guard<std::mutex> lock(link->callsMutex);
+        link->calls.erase(context);
+    }
+
+  private:
+    const std::shared_ptr<zemGRPCClient::Link>& link;
+    grpc::ClientContext* const context;
+};
+
+// How long a collector going away waits for a call into it to finish (for
+// example a campaign stop delivering its last file) before cancelling the
+// calls to the daemon that hold it up.
+constexpr std::chrono::seconds kForgetGrace{2};
+
+}  // namespace
 
 // One open command stream and everything its thread touches. Shared by the
 // client and the stream thread, so the thread can outlive a client destroyed
@@ -82,7 +126,7 @@ class zemGRPCClient::StreamSession {
     // been forgotten.
     template <typename Fn>
     int withCollector(Fn&& fn) {
-        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        std::lock_guard<std::recursive_timed_mutex> lock(link->mutex);
         return link->collector != nullptr ? fn(link->collector) : -1;
     }
 };
@@ -96,7 +140,7 @@ void zemGRPCClient::StreamSession::serve() {
         olvan::CommandResponse response;
         bool answer;
         {
-            std::lock_guard<std::recursive_mutex> lock(link->mutex);
+            std::lock_guard<std::recursive_timed_mutex> lock(link->mutex);
             answer = zem::internal::dispatchCommand(request, link->collector, &response);
         }
         // A failed write is not acted on: the next read tells whether the
@@ -150,7 +194,7 @@ zemGRPCClient::zemGRPCClient(const std::string& target)
 
 zemGRPCClient::~zemGRPCClient() {
     {
-        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        std::lock_guard<std::recursive_timed_mutex> lock(link->mutex);
         link->collector = nullptr;
     }
     endSession();
@@ -173,8 +217,15 @@ void zemGRPCClient::endSession() {
 }
 
 void zemGRPCClient::forgetCollector(zem_collector* collector) {
-    std::lock_guard<std::recursive_mutex> lock(link->mutex);
+    std::unique_lock<std::recursive_timed_mutex> lock(link->mutex, kForgetGrace);
+    if (!lock.owns_lock()) {
+        // A call into the collector is stuck on the daemon: give up on it.
+        link->cancelCalls();
+        lock.lock();
+    }
     if (link->collector == collector) link->collector = nullptr;
+    // A registration or delivery still waiting for the daemon ends now.
+    link->cancelCalls();
 }
 
 int32_t zemGRPCClient::registerClient(const std::string& name, uint32_t version,
@@ -186,13 +237,17 @@ int32_t zemGRPCClient::registerClient(const std::string& name, uint32_t version,
 
     grpc::ClientContext context;
     olvan::RegisterResponse response;
-    const grpc::Status status = stub->Register(&context, info, &response);
+    grpc::Status status;
+    {
+        CallScope scope(link, &context);
+        status = stub->Register(&context, info, &response);
+    }
     if (!status.ok()) return status.error_code();
 
     printOut("Token: " + response.token() + "\n");
     printOut("Register Client success\n");
     {
-        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        std::lock_guard<std::recursive_timed_mutex> lock(link->mutex);
         link->collector = collector;
         if (collector != nullptr) collector->setToken(response.token());
     }
@@ -208,7 +263,7 @@ int32_t zemGRPCClient::CommandStream() {
     auto s = std::make_shared<StreamSession>(channel, link);
     std::string token;
     {
-        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        std::lock_guard<std::recursive_timed_mutex> lock(link->mutex);
         if (link->collector != nullptr) token = link->collector->getToken();
     }
     s->context.AddMetadata("clientid", token);
@@ -225,7 +280,11 @@ int32_t zemGRPCClient::sendData(const std::string& filename, const std::string& 
     grpc::ClientContext context;
     context.AddMetadata("clientid", token);
     olvan::Response response;
-    const grpc::Status status = stub->SendData(&context, data, &response);
+    grpc::Status status;
+    {
+        CallScope scope(link, &context);
+        status = stub->SendData(&context, data, &response);
+    }
     if (!status.ok()) {
         ZEM_LOGE("SendData failed: %s", status.error_message().c_str());
         return status.error_code();
@@ -240,7 +299,11 @@ int32_t zemGRPCClient::deRegisterClient(const std::string& token) {
     context.AddMetadata("token", token);
     olvan::Empty request;
     olvan::Response response;
-    const grpc::Status status = stub->DeRegister(&context, request, &response);
+    grpc::Status status;
+    {
+        CallScope scope(link, &context);
+        status = stub->DeRegister(&context, request, &response);
+    }
     if (!status.ok()) return status.error_code();
     return response.status();
 }

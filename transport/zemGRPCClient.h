@@ -13,13 +13,15 @@
 // deRegisterClient on the application thread in zem_deregister,
 // forgetCollector and the destructor on whichever thread drops the collector
 // or the last reference to the client; the latter may be the command-stream
-// thread itself, from inside LostConn. The unary calls share no state.
+// thread itself, from inside LostConn.
 //
 // Locks: one recursive mutex, shared with the command-stream thread, guards
 // the remembered collector and is held around every call into it, so
 // forgetCollector waits for a call in flight and no call starts afterwards.
 // It is recursive because a collector callback may drop the last reference to
-// this client on the command-stream thread itself.
+// this client on the command-stream thread itself. A second, plain mutex
+// guards the set of unary calls in flight: forgetCollector cancels them, so a
+// daemon that never answers cannot hold up a collector that is going away.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
@@ -83,9 +85,11 @@ class zemGRPCClient : public zemTransportClient {
     // code on failure, else the daemon's status. The command stream stays.
     int32_t deRegisterClient(const std::string& token) override;
 
-    // After this returns no thread of this client calls `collector` again.
-    // Waits for a collector call in flight on the command-stream thread, which
-    // is bounded by that call; never waits for the daemon.
+    // After this returns no thread of this client calls `collector` again,
+    // and every call to the daemon still in flight is cancelled (later ones
+    // fail at once). Waits up to 2 seconds for a collector call in flight on
+    // the command-stream thread, such as a campaign stop delivering its last
+    // file, then cancels what holds it up.
     void forgetCollector(zem_collector* collector) override;
 
     // Opens the command stream with metadata "clientid" = the remembered
@@ -97,8 +101,10 @@ class zemGRPCClient : public zemTransportClient {
     // The target this client talks to.
     const std::string& getTarget() const { return target; }
 
-  private:
+    // The state shared with the command-stream thread (internal).
     struct Link;
+
+  private:
     class StreamSession;
 
     void endSession();
