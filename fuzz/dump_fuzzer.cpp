@@ -6,7 +6,13 @@
 #include <cstdint>
 #include <string>
 
+#include "fuzz/FuzzSupport.h"
 #include "tools/KPIDataFormat.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    zem_fuzz::silenceLog();
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string bytes(reinterpret_cast<const char*>(data), size);
