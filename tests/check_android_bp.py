@@ -7,7 +7,9 @@ Compares, relative to the repository root:
   - the C entry points of cc_library_shared "libzem_sdk" with the shared
     library's sources in CMake;
   - the unit tests of cc_test "libzem_sdk_test" with the GoogleTest programs
-    that CMake builds, less those that need host-only programs.
+    that CMake builds, less those that need host-only programs;
+  - the cc_fuzz modules' sources with the fuzz programs of fuzz/CMakeLists.txt,
+    less those that drive host-only code.
 
 usage: check_android_bp.py ROOT CORE_SOURCES_FILE SDK_SOURCES_FILE TESTS_FILE
 """
@@ -19,6 +21,9 @@ import sys
 # runtime, are named with these prefixes: they have no place in the device
 # build.
 HOST_ONLY_PREFIXES = ("tests/e2e_", "tests/binder_", "tests/tools_", "tests/docs_")
+
+# Fuzzers of the host binder runtime's wire and of the host tools' decoder.
+HOST_ONLY_FUZZERS = {"binder_wire_fuzzer", "dump_fuzzer"}
 
 root, core_file, sdk_file, tests_file = sys.argv[1:5]
 
@@ -80,6 +85,16 @@ test_srcs = set(field_list(bp["libzem_sdk_test"][1], "srcs"))
 compare("unit tests", {s for s in test_srcs if s.startswith("tests/")},
         {s for s in read_list(tests_file)
          if s.endswith("_test.cpp") and not s.startswith(HOST_ONLY_PREFIXES)})
+
+with open(os.path.join(root, "fuzz", "CMakeLists.txt")) as f:
+    cmake_fuzzers = {os.path.join("fuzz", src) for name, src in
+                     re.findall(r"^zem_add_fuzzer\((\w+)\s+(\S+?)\)", f.read(), re.M)
+                     if name not in HOST_ONLY_FUZZERS}
+bp_fuzzers = set()
+for kind, body in bp.values():
+    if kind == "cc_fuzz":
+        bp_fuzzers.update(field_list(body, "srcs"))
+compare("fuzzers", bp_fuzzers, cmake_fuzzers)
 
 if failures:
     print("\n".join(failures))
