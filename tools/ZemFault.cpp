@@ -41,10 +41,10 @@ bool parseLong(const std::string& text, long* out) {
 
 }  // namespace
 
-bool add(const std::string& spec, std::string* error) {
-    const size_t eq = spec.find('=');
-    const std::string name = spec.substr(0, eq);
-    const std::string value = eq == std::string::npos ? "" : spec.substr(eq + 1);
+bool add(const std::string& option, std::string* error) {
+    const size_t eq = option.find('=');
+    const std::string name = option.substr(0, eq);
+    const std::string value = eq == std::string::npos ? "" : option.substr(eq + 1);
     const bool hasValue = eq != std::string::npos;
     Settings& s = gSettings;
     long n = 0;
@@ -74,11 +74,11 @@ bool add(const std::string& spec, std::string* error) {
         ok = false;
     }
     if (!ok) {
-        *error = "bad --fault '" + spec + "' (see zemd --help)";
+        *error = "bad --fault '" + option + "' (see zemd --help)";
         return false;
     }
     s.any = true;
-    s.names += (s.names.empty() ? "" : ",") + spec;
+    s.names += (s.names.empty() ? "" : ",") + option;
     return true;
 }
 

@@ -31,7 +31,7 @@
 namespace zemfault {
 
 // Adds one `NAME[=VALUE]` setting; false with a message for a bad one.
-bool add(const std::string& spec, std::string* error);
+bool add(const std::string& option, std::string* error);
 
 // Names of the faults switched on, for zemd's start-up line.
 std::string describe();
