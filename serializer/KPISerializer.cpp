@@ -19,7 +19,10 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds kWriterNap{5};
+// Short, so that at modest rates the writer is idle (and woken at once) by
+// the time the next record comes: a record waits in memory, where a killed
+// process loses it, at most this long.
+constexpr std::chrono::milliseconds kWriterNap{1};
 
 // The timestamp key of a cache file name: the number after the prefix, read
 // as strtoull reads it (leading blanks and a sign accepted, stops at the

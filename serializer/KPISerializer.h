@@ -13,8 +13,8 @@
 // name, and is held only to push or pop records. File I/O and SendData run
 // without it, so a producer never waits for the disk or the transport.
 //
-// Under a steady stream of records the writer wakes on its own every few
-// milliseconds and writes what has queued in one batch, so producers do not
+// Under a steady stream of records the writer wakes on its own every
+// millisecond and writes what has queued in one batch, so producers do not
 // make a system call per record; when the stream stops it sleeps until the
 // next record.
 //
