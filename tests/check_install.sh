@@ -32,8 +32,9 @@ cc -std=c99 -Wall -Werror $san_flags -o "$work/pc-frame_pipeline" "$src/examples
     $(pkg-config --cflags --libs zem_sdk) -pthread -Wl,-rpath,"$work/prefix/lib"
 
 for bin in "$work/cmake-build/frame_pipeline" "$work/pc-frame_pipeline"; do
-    if ! ldd "$bin" | grep -q "$work/prefix/lib/libzem_sdk.so"; then
-        echo "$bin does not use the installed library"; ldd "$bin"; exit 1
+    libs=$(ldd "$bin")
+    if [[ "$libs" != *"$work/prefix/lib/libzem_sdk.so"* ]]; then
+        echo "$bin does not use the installed library"; echo "$libs"; exit 1
     fi
     "$bin" --help >/dev/null
 done

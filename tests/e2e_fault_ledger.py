@@ -468,6 +468,10 @@ def client_killed(s):
     s.wait_running()
     s.wait_logged(300)
     s.kill_client()
+    # A window closed an instant before the kill may still be on its way from
+    # the logging thread to the file: one per logging thread is lost with the
+    # process's memory.
+    s.kill_allowance = 2
     leftover = s.cache_files()
     s.notes.append(f"left in the cache folder at the kill: {len(leftover)} file(s)")
     s.start_client()
@@ -622,7 +626,10 @@ def main():
         # Every closed window arrived, or, where the design loses data, the
         # scenario says so (kept=False); never a duplicate, a stranger or a hang.
         bad = row["duplicates"] or row["strangers"] or any(n.startswith(("HANG", "ERROR")) for n in s.notes)
-        bad = bad or (kept and row["lost"] > 0)
+        allowance = getattr(s, "kill_allowance", 0)
+        bad = bad or (kept and row["lost"] > allowance)
+        if kept and 0 < row["lost"] <= allowance:
+            s.notes.append(f"{row['lost']} window(s) closed but still in memory at the kill")
         failed += bool(bad)
         rows.append(row)
         print(f"{sc['name']:34} {sc['transport']:9} {row['closed']:7} {row['received']:7} "
