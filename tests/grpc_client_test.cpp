@@ -445,11 +445,17 @@ TEST_F(GrpcClientTest, CollectorMayReleaseTheClientFromItsOwnLostConn) {
     auto client = registered();
     std::weak_ptr<zemGRPCClient> weak = client;
     bool released = false;
-    collector.onLostConn = [&] {
-        client.reset();  // the last reference, dropped on the stream thread
+    {
+        // The stream thread reads the hook under this lock; the daemon ending
+        // the stream orders the two only through gRPC's sockets, which the
+        // thread sanitizer cannot see.
         std::lock_guard<std::mutex> lock(collector.mutex);
-        released = weak.expired();
-    };
+        collector.onLostConn = [&] {
+            client.reset();  // the last reference, dropped on the stream thread
+            std::lock_guard<std::mutex> lock(collector.mutex);
+            released = weak.expired();
+        };
+    }
     daemon.endAllStreams();
     EXPECT_TRUE(waitFor([&] { return collector.read(collector.lostConns) == 1; }));
     EXPECT_TRUE(waitFor([&] { return weak.expired(); }));
