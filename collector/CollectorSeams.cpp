@@ -10,10 +10,12 @@ namespace internal {
 
 namespace {
 constexpr std::chrono::milliseconds kDefaultRetryDelay{5000};
+constexpr std::chrono::milliseconds kDefaultDisposePatience{5000};
 
 std::mutex gSeamMutex;
 TransportFactory gFactory;
 std::chrono::milliseconds gRetryDelay = kDefaultRetryDelay;
+std::chrono::milliseconds gDisposePatience = kDefaultDisposePatience;
 }  // namespace
 
 std::shared_ptr<zemTransportClient> makeDefaultTransport(uint32_t transport) {
@@ -37,6 +39,11 @@ void setRetryDelay(std::chrono::milliseconds delay) {
     gRetryDelay = delay.count() > 0 ? delay : kDefaultRetryDelay;
 }
 
+void setDisposePatience(std::chrono::milliseconds patience) {
+    std::lock_guard<std::mutex> lock(gSeamMutex);
+    gDisposePatience = patience.count() > 0 ? patience : kDefaultDisposePatience;
+}
+
 std::shared_ptr<zemTransportClient> makeTransport(uint32_t transport) {
     TransportFactory factory;
     {
@@ -49,6 +56,11 @@ std::shared_ptr<zemTransportClient> makeTransport(uint32_t transport) {
 std::chrono::milliseconds retryDelay() {
     std::lock_guard<std::mutex> lock(gSeamMutex);
     return gRetryDelay;
+}
+
+std::chrono::milliseconds disposePatience() {
+    std::lock_guard<std::mutex> lock(gSeamMutex);
+    return gDisposePatience;
 }
 
 }  // namespace internal

@@ -28,5 +28,10 @@ std::shared_ptr<zemTransportClient> makeDefaultTransport(uint32_t transport);
 // negative value restores the default.
 void setRetryDelay(std::chrono::milliseconds delay);
 
+// Replaces how long zem_deregister waits for a collector's threads to end
+// (5 seconds) before it leaves them to finish on their own; zero or a
+// negative value restores the default.
+void setDisposePatience(std::chrono::milliseconds patience);
+
 }  // namespace internal
 }  // namespace zem

@@ -1,5 +1,8 @@
 #include "collector/zem_collector.h"
 
+#include <pthread.h>
+
+#include <system_error>
 #include <utility>
 
 #include "collector/CollectorSeams.h"
@@ -11,6 +14,7 @@ namespace internal {
 // The registration thread's view of the seams.
 std::shared_ptr<zemTransportClient> makeTransport(uint32_t transport);
 std::chrono::milliseconds retryDelay();
+std::chrono::milliseconds disposePatience();
 }  // namespace internal
 }  // namespace zem
 
@@ -59,6 +63,34 @@ zem_collector::~zem_collector() {
     // Records still queued are written; a rollover meanwhile finds no client
     // and leaves its file for the next run.
     serializer.stopWriterThread();
+}
+
+void zem_collector::Dispose(zem_collector* collector) {
+    struct Latch {
+        std::mutex mutex;
+        std::condition_variable cv;
+        bool done = false;
+    };
+    auto latch = std::make_shared<Latch>();
+    const std::string name = collector->name;
+    try {
+        std::thread([collector, latch] {
+            pthread_setname_np(pthread_self(), "zem_dispose");
+            delete collector;
+            std::lock_guard<std::mutex> lock(latch->mutex);
+            latch->done = true;
+            latch->cv.notify_all();
+        }).detach();
+    } catch (const std::system_error&) {
+        delete collector;
+        return;
+    }
+    std::unique_lock<std::mutex> lock(latch->mutex);
+    if (!latch->cv.wait_for(lock, zem::internal::disposePatience(), [&] { return latch->done; })) {
+        ZEM_LOGE("%s: a call to the daemon is still waiting for its answer; the collector is freed "
+                 "when it returns",
+                 name.c_str());
+    }
 }
 
 std::string zem_collector::getToken() const {

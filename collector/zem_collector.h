@@ -63,6 +63,14 @@ class zem_collector {
     // thread to notice and end.
     virtual ~zem_collector();
 
+    // Destroys `collector` for zem_deregister without letting a daemon that
+    // never answers hang the caller. The destruction runs on a helper thread
+    // that the caller waits for, up to 5 seconds; a binder call cannot be
+    // cancelled, so a registration or delivery stuck on the daemon keeps the
+    // helper (and the collector) until the daemon answers or dies, and the
+    // caller returns without them.
+    static void Dispose(zem_collector* collector);
+
     // Starts the registration thread: up to three attempts, 5 seconds apart.
     // Returns 0 at once; never waits for the daemon.
     virtual int Register();

@@ -33,7 +33,7 @@ zem_handle zem_register(const struct zem_cfg_s* cfg) {
 int32_t zem_deregister(zem_handle handle) {
     if (handle == nullptr) return -1;
     const int32_t rc = handle->DeRegister();
-    delete handle;
+    zem_collector::Dispose(handle);
     return rc;
 }
 

@@ -107,7 +107,9 @@ ZEM_EXPORT zem_handle zem_register(const struct zem_cfg_s* cfg);
 /*
  * Ends the registration with the daemon and destroys the handle. Records of
  * windows still open are dropped; cache files already written stay on disk
- * and are delivered by a later run.
+ * and are delivered by a later run. Returns within about 7 seconds whatever
+ * the daemon does: a binder call the daemon never answers is left to finish
+ * on its own thread, which frees the collector when it returns.
  *
  * \param handle  from zem_register; invalid afterwards.
  * \return        0 on success, the transport's non-zero result, or -1 for a

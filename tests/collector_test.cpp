@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 
 #include "FakeTransport.h"
 #include "TestUtil.h"
@@ -71,6 +72,7 @@ class CollectorTest : public ::testing::Test {
     void TearDown() override {
         zem::internal::setTransportFactory(nullptr);
         zem::internal::setRetryDelay(std::chrono::milliseconds(0));
+        zem::internal::setDisposePatience(std::chrono::milliseconds(0));
     }
 
     zem_cfg_s cfg(uint32_t transportValue = ZEM_TRANSPORT_GRPC) {
@@ -371,6 +373,50 @@ TEST_F(CollectorTest, DeregisterDuringTheRetryWaitDoesNotWaitItOut) {
     ASSERT_TRUE(waitFor([&] { return transport->attemptCount() == 1; }));
     EXPECT_EQ(-1, zem_deregister(h));
     EXPECT_EQ(1u, transport->attemptCount());
+}
+
+TEST_F(CollectorTest, DeregisterReturnsWhileARegistrationWaitsOnTheDaemonAndFreesLater) {
+    // Like a binder call, this registration cannot be cancelled: it returns
+    // only when the test lets it.
+    struct StuckTransport : FakeTransport {
+        int32_t registerClient(const std::string&, uint32_t, zem_collector*) override {
+            std::unique_lock<std::mutex> lock(mutex);
+            entered = true;
+            cv.notify_all();
+            cv.wait(lock, [this] { return answered; });
+            return 1;
+        }
+        void answer() {
+            std::lock_guard<std::mutex> lock(mutex);
+            answered = true;
+            cv.notify_all();
+        }
+        std::condition_variable cv;
+        bool entered = false;
+        bool answered = false;
+    };
+    auto stuck = std::make_shared<StuckTransport>();
+    zem::internal::setTransportFactory([stuck](uint32_t) { return stuck; });
+    zem::internal::setDisposePatience(std::chrono::milliseconds(50));
+    LogCapture cap;
+    zem_cfg_s c = cfg();
+    zem_handle h = zem_register(&c);
+    {
+        std::unique_lock<std::mutex> lock(stuck->mutex);
+        ASSERT_TRUE(stuck->cv.wait_for(lock, std::chrono::seconds(10), [&] { return stuck->entered; }));
+    }
+    EXPECT_EQ(0, zem_deregister(h));
+    EXPECT_EQ(1, countLogLines(cap.text(), 'E',
+                               "cam: a call to the daemon is still waiting for its answer; the "
+                               "collector is freed when it returns"));
+    // The collector, still alive, keeps its client until the call returns.
+    zem::internal::setTransportFactory(nullptr);
+    std::weak_ptr<StuckTransport> weak = stuck;
+    StuckTransport* raw = stuck.get();
+    stuck.reset();
+    ASSERT_FALSE(weak.expired());
+    raw->answer();
+    EXPECT_TRUE(waitFor([&] { return weak.expired(); }));
 }
 
 TEST_F(CollectorTest, LostConnStopsARunningCampaignThenRegistersAfresh) {

@@ -4,6 +4,7 @@
 #include <binder/ProcessState.h>
 #include <binder/Stability.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -23,6 +24,9 @@ using android::binder::Status;
 namespace {
 
 const char* const kServiceName = "vendor_zemsdkservice";
+
+// How long deRegisterClient waits for another call to the daemon to end.
+constexpr std::chrono::seconds kCallGrace{2};
 
 // The daemon's service binder and the one death recipient, shared by every
 // instance of the process.
@@ -205,7 +209,21 @@ int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
         ZEM_LOGE("%s - Failed to get zem manager handle", kOp);
         return -1;
     }
-    std::lock_guard<std::mutex> calls(mutex);
+    // A registration or delivery that the daemon never answers holds the
+    // lock for as long; a binder call cannot be cancelled, so after a grace
+    // period the deregistration is given up instead of waiting with it.
+    // Polled rather than a timed lock, which the thread sanitizer's
+    // interceptors do not follow.
+    const auto deadline = std::chrono::steady_clock::now() + kCallGrace;
+    std::unique_lock<std::mutex> calls(mutex, std::try_to_lock);
+    while (!calls.owns_lock()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            ZEM_LOGE("%s - an earlier call to the daemon is still waiting for its answer", kOp);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        calls.try_lock();
+    }
     const Status status = m->deregisterZEMClient(token);
     if (!status.isOk()) {
         ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());

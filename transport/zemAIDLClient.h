@@ -67,7 +67,9 @@ class zemAIDLClient : public zemTransportClient {
     int32_t sendData(const std::string& filename, const std::string& token) override;
 
     // Tells the daemon the registration ends. The table keeps the token's
-    // entry, so a later event for it still finds its collector. 0 or -1.
+    // entry, so a later event for it still finds its collector. 0 or -1;
+    // -1 also when another call to the daemon has not returned within 2
+    // seconds.
     int32_t deRegisterClient(const std::string& token) override;
 
     // Removes every entry of `collector` and cancels a registration of it in

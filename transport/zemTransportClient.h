@@ -34,7 +34,7 @@ public:
     virtual ~zemTransportClient() = default;
 
     // Called by a collector that is going away. After it returns, no thread of
-    // this client calls `collector` again. Never blocks on a thread that may
-    // be waiting for the daemon.
+    // this client calls `collector` again; a call into `collector` still
+    // running on another thread is waited for.
     virtual void forgetCollector(zem_collector* /*collector*/) {}
 };
