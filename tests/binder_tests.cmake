@@ -22,14 +22,14 @@ foreach(_iface IZEMManager IZEMCallback)
     list(APPEND _aidl_srcs ${_aidl_out}/${_iface}.cpp)
 endforeach()
 
-add_executable(binder_aidl_peer binder_aidl_peer.cpp binder_tsan_suppressions.cpp ${_aidl_srcs})
+add_executable(binder_aidl_peer binder_aidl_peer.cpp ${ZEM_BINDER_TSAN_SRC} ${_aidl_srcs})
 # Our own source keeps the warnings; the generated files are exempt.
-set_source_files_properties(binder_aidl_peer.cpp binder_tsan_suppressions.cpp PROPERTIES
+set_source_files_properties(binder_aidl_peer.cpp ${ZEM_BINDER_TSAN_SRC} PROPERTIES
     COMPILE_OPTIONS "-Wall;-Wextra;-Werror")
 target_include_directories(binder_aidl_peer PRIVATE ${_aidl_out}/include)
 target_link_libraries(binder_aidl_peer PRIVATE zem_host_binder)
 
-zem_add_test(binder_transport_test binder_transport_test.cpp binder_tsan_suppressions.cpp)
+zem_add_test(binder_transport_test binder_transport_test.cpp ${ZEM_BINDER_TSAN_SRC})
 add_dependencies(binder_transport_test binder_aidl_peer)
 target_compile_definitions(binder_transport_test PRIVATE
     BINDER_AIDL_PEER_BIN="$<TARGET_FILE:binder_aidl_peer>")
@@ -46,7 +46,7 @@ foreach(_src IZEMCallback.cpp IZEMManager.cpp zemAIDLClient.cpp)
 endforeach()
 
 # End to end: zemd and a two-collector client as separate processes.
-add_executable(binder_e2e_client binder_e2e_client.cpp binder_tsan_suppressions.cpp)
+add_executable(binder_e2e_client binder_e2e_client.cpp ${ZEM_BINDER_TSAN_SRC})
 zem_warnings(binder_e2e_client)
 target_link_libraries(binder_e2e_client PRIVATE zem_capi)
 zem_add_test(binder_e2e_test binder_e2e_test.cpp)

@@ -1,7 +1,8 @@
 # Fault injection with a loss ledger, and the soak: real zemd and client
 # processes driven by tests/e2e_fault_ledger.py and tests/soak.py. Included
 # from tests/CMakeLists.txt on Linux hosts.
-add_executable(e2e_fault_client e2e_fault_client.cpp)
+# The client runs either transport.
+add_executable(e2e_fault_client e2e_fault_client.cpp ${ZEM_ALL_TSAN_SRC})
 zem_warnings(e2e_fault_client)
 target_link_libraries(e2e_fault_client PRIVATE zem_capi)
 
