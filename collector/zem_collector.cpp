@@ -285,6 +285,24 @@ int zem_collector::StopCampaign() {
     return result;
 }
 
+int zem_collector::LogOther(KPI* kpi, uint32_t value) {
+    // The sample add functions return 0.
+    if (kpi->GetCountedPath() == KPI::CountedPath::kHistogram) {
+        return static_cast<Histogram*>(kpi)->AddCountedSampleAs<Histogram>(KPI::Clock::now(),
+                                                                            value);
+    }
+    if (kpi->GetType() != KPI_NUMERIC) return -1;
+    const KPI::TimePoint now = KPI::Clock::now();
+    switch (kpi->GetSubType()) {
+        case COUNTER:
+            return static_cast<Counter*>(kpi)->AddSampleAs<Counter>(now, value);
+        case GAUGE:
+            return static_cast<Gauge*>(kpi)->AddSampleAs<Gauge>(now, value);
+        default:
+            return static_cast<Histogram*>(kpi)->AddSampleAs<Histogram>(now, value);
+    }
+}
+
 int zem_collector::Log(uint32_t id, const unsigned char* buf, uint32_t len) {
     KPI* kpi = liveTable()->find(id);
     if (kpi == nullptr) return -1;

@@ -25,6 +25,22 @@ unsigned int windowLimitOf(const KPICfg& cfg) {
     }
 }
 
+KPI::CountedPath countedPathOf(const KPICfg& cfg) {
+    if (cfg.type() != KPI_NUMERIC || cfg.agg_window_oneof_case() == KPICfg::kDurationMsecs) {
+        return KPI::CountedPath::kOther;
+    }
+    switch (cfg.subtype()) {
+        case COUNTER:
+            return KPI::CountedPath::kCounter;
+        case GAUGE:
+            return KPI::CountedPath::kGauge;
+        case HISTOGRAM:
+            return KPI::CountedPath::kHistogram;
+        default:
+            return KPI::CountedPath::kOther;
+    }
+}
+
 // Record times are steady-clock tenths of a second.
 constexpr int64_t kNsPerMetaTick = 100000000;
 
@@ -35,6 +51,7 @@ KPI::KPI(const KPICfg& cfg, KPISerializer& serializer)
       type(cfg.type()),
       subType(cfg.subtype()),
       byDuration(cfg.agg_window_oneof_case() == KPICfg::kDurationMsecs),
+      countedPath(countedPathOf(cfg)),
       serializer(serializer),
       cfg(cfg) {}
 

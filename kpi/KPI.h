@@ -54,6 +54,12 @@ class KPI {
     KPIType GetType() const { return type; }
     KPISubType GetSubType() const { return subType; }
 
+    // The numeric KPIs whose window counts samples (or that have no window),
+    // by class: the collector's sample path tests this one byte instead of
+    // type, subtype and window kind. kOther for every other KPI.
+    enum class CountedPath : uint8_t { kOther, kCounter, kGauge, kHistogram };
+    CountedPath GetCountedPath() const { return countedPath; }
+
     // A numeric sample. A window that is over is closed before the value is
     // looked at, so the value opens the next window. Returns 0.
     int AddSample(unsigned int value) { return AddSampleAt(Clock::now(), value); }
@@ -75,6 +81,15 @@ class KPI {
         tsEnd = now;
         zem::checkedIncrement(numSamples, "KPI numSamples");
         return 0;
+    }
+    // AddSampleAs for a KPI whose window counts samples, without the test of
+    // the window kind. A window that is over is closed, and the sample added,
+    // out of line, so the common case keeps nothing across a call.
+    template <class Agg>
+    int AddCountedSampleAs(TimePoint now, unsigned int value) {
+        if (tsStart == TimePoint{}) tsStart = now;
+        if (numSamples >= windowLimit) return closeWindowThenAdd<Agg>(now, value);
+        return addToWindow<Agg>(now, value);
     }
     int AddSampleAt(TimePoint now) {
         if (tsStart == TimePoint{}) tsStart = now;
@@ -135,6 +150,7 @@ class KPI {
     const KPIType type;
     const KPISubType subType;
     const bool byDuration;
+    const CountedPath countedPath;
 
     KPISerializer& serializer;
     const KPICfg cfg;
@@ -151,6 +167,19 @@ class KPI {
     // Emits and resets the window that is over, and opens the next at `now`.
     // Kept out of line: it runs once per window, not once per sample.
     void closeWindow(TimePoint now);
+
+    template <class Agg>
+    int addToWindow(TimePoint now, unsigned int value) {
+        if (static_cast<Agg*>(this)->Aggregate(value) != 0) return 0;
+        tsEnd = now;
+        zem::checkedIncrement(numSamples, "KPI numSamples");
+        return 0;
+    }
+    template <class Agg>
+    [[gnu::noinline]] int closeWindowThenAdd(TimePoint now, unsigned int value) {
+        closeWindow(now);
+        return addToWindow<Agg>(now, value);
+    }
 
     olvan::KPIData record;
 };

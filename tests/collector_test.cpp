@@ -1,10 +1,12 @@
 // The collector: registration and its retries, lost connections, campaign
 // validation, start and stop, sample dispatch, and the C API end to end into
 // cache files, with an in-process transport.
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <map>
 
 #include "FakeTransport.h"
 #include "TestUtil.h"
@@ -149,6 +151,60 @@ TEST_F(CollectorTest, SamplesThroughTheCApiArriveAsOneParsableFilePerCampaign) {
     // The client no longer knows the destroyed collector.
     EXPECT_EQ(nullptr, transport->registered);
     EXPECT_GE(transport->forgotten, 1);
+}
+
+TEST_F(CollectorTest, EveryNumericClassAggregatesAlikeWhateverItsWindowKind) {
+    // Windows that count samples take the collector's short path; duration
+    // windows the general one. Both must give the records the windows define.
+    std::string text;
+    const char* windows[] = {"nof_samples: 2", "duration_msecs: 60000", ""};
+    const char* classes[] = {"subType: COUNTER",
+                             "subType: GAUGE g_cfg { max: true }",
+                             "subType: HISTOGRAM h_cfg { bucket_bounds: [10, 1000] "
+                             "underflow_en: true overflow_en: true }"};
+    for (int c = 0; c < 3; ++c) {
+        for (int w = 0; w < 3; ++w) {
+            text += "kpiCfgs { id: " + std::to_string(10 * (c + 1) + w) +
+                    " type: KPI_NUMERIC " + classes[c] + " " + windows[w] + " }\n";
+        }
+    }
+    LTCCampaignDef def;
+    ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(
+            text + "size_threshold: 4096 time_threshold: 60", &def));
+    zem_handle h = registered();
+    ASSERT_EQ(0, h->StartCampaign(def.SerializeAsString()));
+    const uint32_t values[] = {5, 7, 0, 100, 50};
+    for (uint32_t v : values) {
+        for (uint32_t id : {10u, 11u, 12u, 20u, 21u, 22u, 30u, 31u, 32u}) {
+            ASSERT_EQ(0, zem_log(h, id, v)) << id;
+        }
+    }
+    EXPECT_EQ(0, h->StopCampaign());
+    auto sent = transport->sentFiles();
+    ASSERT_EQ(1u, sent.size());
+    olvan::KPIData data;
+    ASSERT_TRUE(data.ParseFromString(sent[0].bytes));
+
+    // Samples per window, by id: two-sample windows, one window for the
+    // minute, and one window per sample when there is no window at all.
+    std::map<uint32_t, std::vector<uint64_t>> counts;
+    for (const auto& r : data.counters()) counts[r.meta().id()].push_back(r.meta().nof_samples());
+    for (const auto& r : data.gauges()) counts[r.meta().id()].push_back(r.meta().nof_samples());
+    for (const auto& r : data.histograms()) counts[r.meta().id()].push_back(r.meta().nof_samples());
+    for (uint32_t base : {10u, 20u, 30u}) {
+        EXPECT_EQ((std::vector<uint64_t>{2, 2, 1}), counts[base]) << base;
+        EXPECT_EQ((std::vector<uint64_t>{5}), counts[base + 1]) << base + 1;
+        EXPECT_EQ((std::vector<uint64_t>{1, 1, 1, 1, 1}), counts[base + 2]) << base + 2;
+    }
+    std::map<uint32_t, std::vector<uint64_t>> sums, maxes;
+    for (const auto& r : data.counters()) sums[r.meta().id()].push_back(r.value());
+    for (const auto& r : data.gauges()) maxes[r.meta().id()].push_back(r.max());
+    EXPECT_EQ((std::vector<uint64_t>{12, 100, 50}), sums[10]);
+    EXPECT_EQ((std::vector<uint64_t>{162}), sums[11]);
+    EXPECT_EQ((std::vector<uint64_t>{5, 7, 0, 100, 50}), sums[12]);
+    EXPECT_EQ((std::vector<uint64_t>{7, 100, 50}), maxes[20]);
+    EXPECT_EQ((std::vector<uint64_t>{100}), maxes[21]);
+    zem_deregister(h);
 }
 
 TEST_F(CollectorTest, DispatchChecksIdAndTypeWithTheirOwnCodes) {
