@@ -77,7 +77,7 @@ blob = zem.get("BM_ZemLogBlob_64")
 if blob:
     v = ns(blob, "per_item")
     row("zem_log_blob, 64 bytes", fmt_ns(v), "-", "", "< 80 ns", "ok" if v < 80 else "MISSED")
-close = zem.get("BM_ZemLog_WindowClose")
+close = load("zem_log_close").get("BM_ZemLog_WindowClose")
 if close:
     v = ns(close)
     row("window close (counter, record queued)", fmt_ns(v), "-", "", "< 400 ns",
@@ -111,7 +111,7 @@ reg = zem.get("BM_ZemRegister/iterations:200/repeats:5_median")
 if reg:
     v = ns(reg) / 1e3
     row("zem_register (median)", "%.1f us" % v, "-", "", "< 50 us", "ok" if v < 50 else "MISSED")
-mem = zem.get("BM_Memory_CollectorWith1024Counters/iterations:1")
+mem = load("zem_log_memory").get("BM_Memory_CollectorWith1024Counters/iterations:1")
 if mem:
     v = mem["rss_kib_per_collector"]
     row("resident memory per collector, 1024 counters", "%.0f KiB" % v, "-", "", "< 2048 KiB",
@@ -124,14 +124,14 @@ instr = {}
 with open(os.path.join(out, "instructions.txt")) as f:
     for line in f:
         k, v = line.split()
-        instr[k] = int(v)
+        instr[k] = float(v)
 for kind in ("counter", "gauge", "histogram", "blob"):
     if kind in instr and "clock" in instr:
         extra = instr[kind] - instr["clock"]
         target = "< 45 beyond clock" if kind == "counter" else "reported"
         ok = ("ok" if extra < 45 else "MISSED") if kind == "counter" else "-"
-        row("instructions per sample, %s" % kind, "%d" % instr[kind], "%d" % instr["clock"],
-            "clock read + add", target, "%+d %s" % (extra, ok))
+        row("instructions per sample, %s" % kind, "%.1f" % instr[kind], "%.1f" % instr["clock"],
+            "clock read + add", target, "%+.1f %s" % (extra, ok))
 
 headers = ("path", "ours", "baseline", "baseline is", "target", "result")
 widths = [max(len(str(r[i])) for r in rows + [headers]) for i in range(6)]
