@@ -28,11 +28,11 @@ class KPITable {
 
     // The KPI with `id`, or null.
     KPI* find(uint32_t id) const {
-        // A free slot holds id 0 and no KPI, so a search for id 0 that meets
-        // one ends there with null, as it should.
-        const uint32_t i = slotOf(id);
-        if (slots[i].id == id) return slots[i].kpi;
-        return probeFrom(i, id);
+        for (uint32_t i = slotOf(id);; i = (i + 1) & mask) {
+            const Slot& s = slots[i];
+            if (s.kpi == nullptr) return nullptr;
+            if (s.id == id) return s.kpi;
+        }
     }
 
     // Stores `kpi` under `id`. Returns the KPI it replaces, if any, so the
@@ -98,15 +98,6 @@ class KPITable {
     // Fibonacci hashing: consecutive ids, the usual campaign layout, land in
     // distinct slots.
     uint32_t slotOf(uint32_t id) const { return (id * 0x9E3779B1u) >> shift; }
-
-    // The rest of a lookup whose first slot held another id.
-    KPI* probeFrom(uint32_t i, uint32_t id) const {
-        while (slots[i].id != id) {
-            if (slots[i].kpi == nullptr) return nullptr;
-            i = (i + 1) & mask;
-        }
-        return slots[i].kpi;
-    }
 
     void indexInsert(uint32_t id, KPI* kpi) {
         for (uint32_t i = slotOf(id);; i = (i + 1) & mask) {

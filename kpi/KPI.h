@@ -77,10 +77,7 @@ class KPI {
     int AddSampleAs(TimePoint now, unsigned int value) {
         if (tsStart == TimePoint{}) tsStart = now;
         if (!IsWithinWindow(now)) closeWindow(now);
-        if (static_cast<Agg*>(this)->Aggregate(value) != 0) return 0;
-        tsEnd = now;
-        zem::checkedIncrement(numSamples, "KPI numSamples");
-        return 0;
+        return addToWindow<Agg>(now, value);
     }
     // AddSampleAs for a KPI whose window counts samples, without the test of
     // the window kind. A window that is over is closed, and the sample added,

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "collector/zem_collector.h"
+#include "common/PolledLock.h"
 #include "common/ZemLog.h"
 
 using android::defaultServiceManager;
@@ -212,17 +213,10 @@ int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
     // A registration or delivery that the daemon never answers holds the
     // lock for as long; a binder call cannot be cancelled, so after a grace
     // period the deregistration is given up instead of waiting with it.
-    // Polled rather than a timed lock, which the thread sanitizer's
-    // interceptors do not follow.
-    const auto deadline = std::chrono::steady_clock::now() + kCallGrace;
-    std::unique_lock<std::mutex> calls(mutex, std::try_to_lock);
-    while (!calls.owns_lock()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            ZEM_LOGE("%s - an earlier call to the daemon is still waiting for its answer", kOp);
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        calls.try_lock();
+    std::unique_lock<std::mutex> calls(mutex, std::defer_lock);
+    if (!zem::lockWithin(calls, kCallGrace)) {
+        ZEM_LOGE("%s - an earlier call to the daemon is still waiting for its answer", kOp);
+        return -1;
     }
     const Status status = m->deregisterZEMClient(token);
     if (!status.isOk()) {

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "collector/zem_collector.h"
+#include "common/PolledLock.h"
 #include "common/ZemLog.h"
 
 namespace {
@@ -217,19 +218,11 @@ void zemGRPCClient::endSession() {
 }
 
 void zemGRPCClient::forgetCollector(zem_collector* collector) {
-    // Polled rather than a timed lock, which the thread sanitizer's
-    // interceptors do not follow.
-    const auto deadline = std::chrono::steady_clock::now() + kForgetGrace;
-    std::unique_lock<std::recursive_mutex> lock(link->mutex, std::try_to_lock);
-    while (!lock.owns_lock()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            // A call into the collector is stuck on the daemon: give up on it.
-            link->cancelCalls();
-            lock.lock();
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        lock.try_lock();
+    std::unique_lock<std::recursive_mutex> lock(link->mutex, std::defer_lock);
+    if (!zem::lockWithin(lock, kForgetGrace)) {
+        // A call into the collector is stuck on the daemon: give up on it.
+        link->cancelCalls();
+        lock.lock();
     }
     if (link->collector == collector) link->collector = nullptr;
     // A registration or delivery still waiting for the daemon ends now.
