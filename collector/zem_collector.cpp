@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "collector/CollectorSeams.h"
+#include "common/DaemonCall.h"
 #include "common/ZemLog.h"
 #include "kpi/Blob.h"
 
@@ -21,6 +22,18 @@ std::chrono::milliseconds disposePatience();
 namespace {
 constexpr long kRetrySeconds = 5;
 constexpr int kRegistrationAttempts = 3;
+
+// Records the thread running a campaign change for its scope.
+class CampaignOwner {
+  public:
+    explicit CampaignOwner(std::atomic<std::thread::id>& owner) : owner(owner) {
+        owner.store(std::this_thread::get_id());
+    }
+    ~CampaignOwner() { owner.store(std::thread::id()); }
+
+  private:
+    std::atomic<std::thread::id>& owner;
+};
 }  // namespace
 
 zem_collector::zem_collector(const zem_cfg_s& cfg)
@@ -30,36 +43,48 @@ zem_collector::zem_collector(const zem_cfg_s& cfg)
       stopCb(cfg.campaign_stop_cb),
       serializer(cfg.cache_dir, this),
       transport(cfg.transport) {
+    zem::initGracePeriods();
+    published.store(table.get(), std::memory_order_seq_cst);
     printer.SetSingleLineMode(true);
 }
 
 zem_collector::~zem_collector() {
     std::shared_ptr<zemTransportClient> current;
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         stopping = true;
         current = client;
     }
-    stateCv.notify_all();
+    stateCv.notifyAll();
     // The client stays in place while it forgets us: a campaign stop already
     // running on a transport thread still delivers its last file through it,
     // and forgetCollector waits for that call to return.
     if (current) current->forgetCollector(this);
     std::list<RegistrationThread> threads;
+    std::vector<std::thread> stopThreads;
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         threads.swap(registrationThreads);
+        stopThreads.swap(deferredStopThreads);
     }
     // A registration thread sleeping between attempts wakes up on `stopping`;
     // one inside registerClient finishes that attempt first.
     for (RegistrationThread& t : threads) t.thread.join();
+    // A stop that arrived inside a call to the daemon finishes, delivering
+    // its last file while the client is still here.
+    for (std::thread& t : stopThreads) t.join();
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         current = std::move(client);
     }
     // That last attempt may have registered us with the client again.
     if (current) current->forgetCollector(this);
     current.reset();
+    zem::MutexLock campaign(&campaignMutex);
+    // No logging thread may still be in the table (the application does not
+    // log while deregistering); the wait costs little and makes sure.
+    published.store(nullptr, std::memory_order_seq_cst);
+    zem::waitForReaders();
     // Records still queued are written; a rollover meanwhile finds no client
     // and leaves its file for the next run.
     serializer.stopWriterThread();
@@ -87,29 +112,30 @@ void zem_collector::Dispose(zem_collector* collector) {
     }
     std::unique_lock<std::mutex> lock(latch->mutex);
     if (!latch->cv.wait_for(lock, zem::internal::disposePatience(), [&] { return latch->done; })) {
-        ZEM_LOGE("%s: a call to the daemon is still waiting for its answer; the collector is freed "
-                 "when it returns",
-                 name.c_str());
+        ZEM_LOGE(
+                "%s: a call to the daemon is still waiting for its answer; the collector is freed "
+                "when it returns",
+                name.c_str());
     }
 }
 
 std::string zem_collector::getToken() const {
-    std::lock_guard<std::mutex> lock(stateMutex);
+    zem::MutexLock lock(&stateMutex);
     return token;
 }
 
 void zem_collector::setToken(const std::string& t) {
-    std::lock_guard<std::mutex> lock(stateMutex);
+    zem::MutexLock lock(&stateMutex);
     token = t;
 }
 
 std::shared_ptr<zemTransportClient> zem_collector::getClient() const {
-    std::lock_guard<std::mutex> lock(stateMutex);
+    zem::MutexLock lock(&stateMutex);
     return client;
 }
 
 bool zem_collector::registering() const {
-    std::lock_guard<std::mutex> lock(stateMutex);
+    zem::MutexLock lock(&stateMutex);
     for (const RegistrationThread& t : registrationThreads) {
         if (!t.done) return true;
     }
@@ -140,7 +166,7 @@ int zem_collector::DeRegister() {
 }
 
 void zem_collector::startRegistrationThread() {
-    std::lock_guard<std::mutex> lock(stateMutex);
+    zem::MutexLock lock(&stateMutex);
     if (stopping) return;
     // Threads of earlier series that have finished are joined here, so a
     // long-lived process that reconnects often does not pile them up.
@@ -162,7 +188,7 @@ void zem_collector::registrationLoop(RegistrationThread* self) {
         std::shared_ptr<zemTransportClient> made = zem::internal::makeTransport(transport);
         std::shared_ptr<zemTransportClient> c;
         {
-            std::lock_guard<std::mutex> lock(stateMutex);
+            zem::MutexLock lock(&stateMutex);
             if (stopping) break;
             if (made) client = made;
             c = client;
@@ -175,32 +201,46 @@ void zem_collector::registrationLoop(RegistrationThread* self) {
         ZEM_LOGE("%s: SPC registration failed - waiting for %ld seconds before retrying",
                  name.c_str(), kRetrySeconds);
         std::shared_ptr<zemTransportClient> old;
-        std::unique_lock<std::mutex> lock(stateMutex);
-        if (client) {
-            ZEM_LOGI("%s: Resetting client ptr", name.c_str());
-            old = std::move(client);
+        {
+            zem::MutexLock lock(&stateMutex);
+            if (client) {
+                ZEM_LOGI("%s: Resetting client ptr", name.c_str());
+                old = std::move(client);
+            }
         }
         if (old) {
-            lock.unlock();
             old->forgetCollector(this);
             old.reset();
-            lock.lock();
         }
         // The wait follows the last attempt too; destruction cuts it short.
-        stateCv.wait_for(lock, zem::internal::retryDelay(), [this] { return stopping; });
+        const auto deadline = std::chrono::steady_clock::now() + zem::internal::retryDelay();
+        zem::MutexLock lock(&stateMutex);
+        while (!stopping && std::chrono::steady_clock::now() < deadline) {
+            stateCv.waitFor(&stateMutex, deadline - std::chrono::steady_clock::now());
+        }
         if (stopping) break;
     }
-    std::lock_guard<std::mutex> lock(stateMutex);
+    zem::MutexLock lock(&stateMutex);
     self->done = true;
 }
 
 int zem_collector::LostConn() {
-    if (!table->empty()) StopCampaign();
+    {
+        zem::MutexLock campaign(&campaignMutex);
+        CampaignOwner owner(campaignOwner);
+        runDeferredStopsLocked();
+        if (!table->empty()) {
+            ZEM_LOGI("%s: %s called for token - %s", name.c_str(), "StopCampaign",
+                     getToken().c_str());
+            if (stopCb != nullptr) stopCb();
+            stopLocked();
+        }
+    }
     ZEM_LOGI("%s: zem_collector::LostConn deleteing client instance for token - %s", name.c_str(),
              getToken().c_str());
     std::shared_ptr<zemTransportClient> old;
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         old = std::move(client);
     }
     // On a transport thread this may destroy the very client whose thread
@@ -222,6 +262,14 @@ bool zem_collector::validCfg(const LTCCampaignDef& def) const {
 }
 
 int zem_collector::StartCampaign(const std::string& config) {
+    if (zem::insideDaemonCall()) return startFromDaemonCall(config);
+    zem::MutexLock campaign(&campaignMutex);
+    CampaignOwner owner(campaignOwner);
+    runDeferredStopsLocked();
+    return startLocked(config);
+}
+
+int zem_collector::startLocked(const std::string& config) {
     ZEM_LOGI("%s: %s called for token - %s", name.c_str(), "StartCampaign", getToken().c_str());
     LTCCampaignDef def;
     if (!def.ParseFromString(config)) {
@@ -238,25 +286,30 @@ int zem_collector::StartCampaign(const std::string& config) {
 
     // The KPIs go into a new table, published when complete (or at the first
     // failure, with those inserted so far), so logging threads never see a
-    // table being changed.
+    // table being changed. KPIs it replaces are freed once no logging thread
+    // can still be in them.
     auto next = std::make_unique<KPITable>();
     next->adopt(*table, static_cast<size_t>(def.kpicfgs_size()));
+    std::vector<std::unique_ptr<KPI>> replaced;
+    int result = 0;
     for (const KPICfg& cfg : def.kpicfgs()) {
         std::string text;
         printer.PrintToString(cfg, &text);
         ZEM_LOGI("%s: Recvd KPICfg %s", name.c_str(), text.c_str());
         std::unique_ptr<KPI> kpi = KPI::Create(cfg, serializer);
         if (!kpi) {
-            publish(std::move(next));
             ZEM_LOGE("%s: error: could not create KPI id: %d from KPICfg", name.c_str(), cfg.id());
-            return -1;
+            result = -1;
+            break;
         }
         // The last KPICfg with a given id wins.
-        std::unique_ptr<KPI> replaced =
+        std::unique_ptr<KPI> old =
                 next->insertOrReplace(static_cast<uint32_t>(cfg.id()), std::move(kpi));
-        if (replaced) retiredKpis.push_back(std::move(replaced));
+        if (old) replaced.push_back(std::move(old));
     }
     publish(std::move(next));
+    replaced.clear();
+    if (result != 0) return result;
 
     if (startCb != nullptr) {
         const std::string& payload = def.cfg_payload();
@@ -265,31 +318,101 @@ int zem_collector::StartCampaign(const std::string& config) {
     return 0;
 }
 
-void zem_collector::publish(std::unique_ptr<KPITable> next) {
-    retiredTables.push_back(std::move(table));
+std::unique_ptr<KPITable> zem_collector::publish(std::unique_ptr<KPITable> next) {
+    std::unique_ptr<KPITable> old = std::move(table);
     table = std::move(next);
-    published.store(table.get(), std::memory_order_release);
+    published.store(table.get(), std::memory_order_seq_cst);
+    zem::waitForReaders();
+    return old;
 }
 
 int zem_collector::StopCampaign() {
+    if (zem::insideDaemonCall()) return stopFromDaemonCall();
+    zem::MutexLock campaign(&campaignMutex);
+    CampaignOwner owner(campaignOwner);
+    runDeferredStopsLocked();
     ZEM_LOGI("%s: %s called for token - %s", name.c_str(), "StopCampaign", getToken().c_str());
     const int result = stopCb != nullptr ? stopCb() : 0;
-    // Every partly filled window becomes a record before its KPI goes. The
-    // application stops logging when told of the stop, so from here on
-    // nothing reads the tables and KPIs freed below.
-    table->forEach([](uint32_t, KPI& kpi) { kpi.Serialize(); });
-    table->clear();
-    retiredKpis.clear();
-    retiredTables.clear();
-    serializer.Finalize();
+    stopLocked();
     return result;
+}
+
+void zem_collector::stopLocked() {
+    // Logging threads are sent to an empty table first; once none can still
+    // be adding to a KPI, every partly filled window becomes a record before
+    // its KPI goes.
+    std::unique_ptr<KPITable> old = publish(std::make_unique<KPITable>());
+    old->forEach([](uint32_t, KPI& kpi) { kpi.Serialize(); });
+    old.reset();
+    serializer.Finalize();
+}
+
+int zem_collector::stopFromDaemonCall() {
+    // The daemon called us back from inside a call this thread is making to
+    // it. The thread may hold the binder client's call lock, be the writer
+    // thread, or be inside a campaign change already: the stop callback
+    // answers now, and a helper thread serializes, frees and delivers the
+    // last file once the call has returned.
+    ZEM_LOGI("%s: %s called for token - %s", name.c_str(), "StopCampaign", getToken().c_str());
+    const int result = stopCb != nullptr ? stopCb() : 0;
+    zem::MutexLock lock(&stateMutex);
+    if (stopping) return result;
+    ++deferredStops;
+    try {
+        deferredStopThreads.emplace_back([this] {
+            pthread_setname_np(pthread_self(), "zem_stop");
+            zem::MutexLock campaign(&campaignMutex);
+            CampaignOwner owner(campaignOwner);
+            runDeferredStopsLocked();
+        });
+    } catch (const std::system_error&) {
+        // The next campaign change, or the destruction, finishes it.
+        ZEM_LOGE("%s: could not start a thread to finish the campaign stop", name.c_str());
+    }
+    return result;
+}
+
+void zem_collector::runDeferredStopsLocked() {
+    {
+        zem::MutexLock lock(&stateMutex);
+        if (deferredStops == 0) return;
+        deferredStops = 0;
+    }
+    stopLocked();
+}
+
+int zem_collector::startFromDaemonCall(const std::string& config) {
+    // Started here only when no other change runs or waits: this thread must
+    // not wait for the campaign lock (its holder may be waiting for a call
+    // this thread makes) nor deliver a file (a pending stop would).
+    const bool mine = campaignOwner.load() == std::this_thread::get_id();
+    if (!mine && campaignMutex.try_lock()) {
+        campaignMutex.assertHeld();
+        bool pending;
+        {
+            zem::MutexLock lock(&stateMutex);
+            pending = deferredStops != 0;
+        }
+        int result = -1;
+        if (!pending) {
+            CampaignOwner owner(campaignOwner);
+            result = startLocked(config);
+        }
+        campaignMutex.unlock();
+        if (!pending) return result;
+    }
+    ZEM_LOGE(
+            "%s: %s refused: it arrived inside a call to the daemon while another campaign "
+            "change runs",
+            name.c_str(), "StartCampaign");
+    return -1;
 }
 
 int zem_collector::LogOther(KPI* kpi, uint32_t value) {
     // The sample add functions return 0.
     if (kpi->GetCountedPath() == KPI::CountedPath::kHistogram) {
         return static_cast<Histogram*>(kpi)->AddCountedSampleAs<Histogram>(KPI::Clock::now(),
-                                                                            value);
+                                                                           value);
     }
     if (kpi->GetType() != KPI_NUMERIC) return -1;
     const KPI::TimePoint now = KPI::Clock::now();
@@ -304,6 +427,7 @@ int zem_collector::LogOther(KPI* kpi, uint32_t value) {
 }
 
 int zem_collector::Log(uint32_t id, const unsigned char* buf, uint32_t len) {
+    zem::ReadSection section;
     KPI* kpi = liveTable()->find(id);
     if (kpi == nullptr) return -1;
     if (kpi->GetType() != KPI_BLOB) return -2;

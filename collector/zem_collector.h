@@ -9,34 +9,42 @@
 //  - application threads: Log/LogEvent/LogState (hot path, no lock), and
 //    zem_register/zem_deregister;
 //  - the registration thread (one series per Register or LostConn);
-//  - transport threads (gRPC command stream, binder pool): StartCampaign,
-//    StopCampaign, LostConn, setToken;
+//  - transport threads (gRPC command stream, binder pool and death
+//    threads): StartCampaign, StopCampaign, LostConn, setToken;
 //  - the serializer's writer thread: SendData.
-// The KPI table takes no lock. Logging threads read the published table
-// through one atomic pointer. A campaign start builds a new table and
-// publishes it, so a start that reaches a running campaign never changes or
-// frees anything a logging thread may be using: replaced KPIs and old tables
-// are kept until the next StopCampaign, whose stop callback runs first so the
-// application has stopped logging by the time they are freed. Campaigns are
-// otherwise started and stopped while the
-// application is not logging. Everything else shared between threads (the
-// client pointer, the token, the registration threads) is guarded by
-// stateMutex, which the logging path never touches.
+//
+// Logging threads read the published KPI table through one atomic pointer,
+// inside a zem::ReadSection, and take no lock. A campaign change never
+// changes a table or KPI that a logging thread may be using: it publishes a
+// new table, waits for the grace period (zem::waitForReaders), and only then
+// serializes the windows of KPIs that are going away and frees them. So a
+// sample that races a stop lands in the window the stop serializes or is
+// refused with -1.
+//
+// Campaign changes (StartCampaign, StopCampaign, LostConn and destruction)
+// run one at a time under `campaignMutex`, whichever thread they arrive on.
+// A change that arrives on a thread inside a call to the daemon (a nested
+// binder call, see common/DaemonCall.h) must not wait for that lock or
+// deliver a file: a stop answers with the stop callback's result at once and
+// leaves the rest to a helper thread, a start runs only if the lock is free.
+// Everything else shared between threads (the client pointer, the token, the
+// helper threads) is guarded by `stateMutex`, which is taken after
+// `campaignMutex` and never by the logging path.
 #pragma once
 
 #include <google/protobuf/text_format.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "collector/KPITable.h"
+#include "common/GracePeriod.h"
+#include "common/Mutex.h"
 #include "include/zem_sdk.h"
 #include "kpi.pb.h"
 #include "kpi/Counter.h"
@@ -96,6 +104,7 @@ class zem_collector {
     // line. -1 for an unknown id; a wrong type gives -1 on the numeric and
     // event paths and -2 on the state and blob paths.
     [[gnu::always_inline]] int Log(uint32_t id, uint32_t value) {
+        zem::ReadSection section;
         KPI* kpi = liveTable()->find(id);
         if (kpi == nullptr) return -1;
         // A numeric KPI's subtype names its class, so the aggregation is a
@@ -106,7 +115,7 @@ class zem_collector {
         const KPI::CountedPath path = kpi->GetCountedPath();
         if (path == KPI::CountedPath::kCounter) {
             return static_cast<Counter*>(kpi)->AddCountedSampleAs<Counter>(KPI::Clock::now(),
-                                                                            value);
+                                                                           value);
         }
         if (path == KPI::CountedPath::kGauge) {
             return static_cast<Gauge*>(kpi)->AddCountedSampleAs<Gauge>(KPI::Clock::now(), value);
@@ -114,11 +123,13 @@ class zem_collector {
         return LogOther(kpi, value);
     }
     int LogEvent(uint32_t id, uint32_t /*value*/) {
+        zem::ReadSection section;
         KPI* kpi = liveTable()->find(id);
         if (kpi == nullptr || kpi->GetType() != KPI_EVENT) return -1;
         return 0;
     }
     int LogState(uint32_t id, uint32_t /*from*/, uint32_t /*to*/) {
+        zem::ReadSection section;
         KPI* kpi = liveTable()->find(id);
         if (kpi == nullptr) return -1;
         return kpi->GetType() == KPI_STATE ? 0 : -2;
@@ -142,7 +153,9 @@ class zem_collector {
     // True while a registration thread is still attempting or waiting.
     bool registering() const;
 
-    const KPITable& kpiTable() const { return *table; }
+    // The table logging threads see now; for tests, while no campaign
+    // change runs.
+    const KPITable& kpiTable() const { return *liveTable(); }
     KPISerializer& getSerializer() { return serializer; }
 
   private:
@@ -150,26 +163,45 @@ class zem_collector {
     // numeric.
     [[gnu::noinline]] static int LogOther(KPI* kpi, uint32_t value);
 
-    const KPITable* liveTable() const { return published.load(std::memory_order_acquire); }
-    // Makes `next` the table that logging threads read; the previous one is
-    // retired, not freed.
-    void publish(std::unique_ptr<KPITable> next);
+    const KPITable* liveTable() const { return published.load(std::memory_order_seq_cst); }
+
+    // Makes `next` the table that logging threads read and waits until none
+    // can still be using the previous one, which it returns.
+    std::unique_ptr<KPITable> publish(std::unique_ptr<KPITable> next) ZEM_REQUIRES(campaignMutex);
+
+    int startLocked(const std::string& config) ZEM_REQUIRES(campaignMutex);
+    // The stop after its callback: serializes and frees every KPI, stops the
+    // writer and hands the last file over.
+    void stopLocked() ZEM_REQUIRES(campaignMutex);
+    // Finishes the stops that arrived inside a call to the daemon.
+    void runDeferredStopsLocked() ZEM_REQUIRES(campaignMutex) ZEM_EXCLUDES(stateMutex);
+    int stopFromDaemonCall();
+    int startFromDaemonCall(const std::string& config);
 
     struct RegistrationThread {
         std::thread thread;
         bool done = false;
     };
 
-    void startRegistrationThread();
-    void registrationLoop(RegistrationThread* self);
+    void startRegistrationThread() ZEM_EXCLUDES(stateMutex);
+    void registrationLoop(RegistrationThread* self) ZEM_EXCLUDES(stateMutex);
 
-    // Guards client, token, the registration threads and `stopping`. Declared
-    // first so it outlives every member a writer or transport thread may
-    // still reach while the collector is being destroyed.
-    mutable std::mutex stateMutex;
-    std::condition_variable stateCv;
-    bool stopping = false;
-    std::list<RegistrationThread> registrationThreads;
+    // Serialises the campaign changes. Declared first so that it outlives
+    // every member a transport thread may still reach while the collector is
+    // being destroyed.
+    zem::Mutex campaignMutex;
+    // Guards client, token, the helper threads and `stopping`.
+    mutable zem::Mutex stateMutex ZEM_ACQUIRED_AFTER(campaignMutex);
+    zem::CondVar stateCv;
+    bool stopping ZEM_GUARDED_BY(stateMutex) = false;
+    std::list<RegistrationThread> registrationThreads ZEM_GUARDED_BY(stateMutex);
+    // Stops that arrived inside a call to the daemon and still have to
+    // serialize, free and flush, and the threads that finish them.
+    int deferredStops ZEM_GUARDED_BY(stateMutex) = 0;
+    std::vector<std::thread> deferredStopThreads ZEM_GUARDED_BY(stateMutex);
+    // The thread inside a campaign change, so that a nested event can tell
+    // its own change from another thread's.
+    std::atomic<std::thread::id> campaignOwner{};
 
     // Fixed campaign limits.
     const uint32_t minTimeThreshold = 1;
@@ -184,16 +216,13 @@ class zem_collector {
     const uint32_t version;
     zem_campaign_start_cb startCb;
     zem_campaign_stop_cb stopCb;
-    std::shared_ptr<zemTransportClient> client;
+    std::shared_ptr<zemTransportClient> client ZEM_GUARDED_BY(stateMutex);
     // The current table, owned here, and the same table as logging threads
-    // see it. Tables and KPIs replaced while a campaign ran wait in the
-    // retired lists until the next stop.
-    std::unique_ptr<KPITable> table = std::make_unique<KPITable>();
-    std::atomic<const KPITable*> published{table.get()};
-    std::vector<std::unique_ptr<KPITable>> retiredTables;
-    std::vector<std::unique_ptr<KPI>> retiredKpis;
+    // see it.
+    std::unique_ptr<KPITable> table ZEM_GUARDED_BY(campaignMutex) = std::make_unique<KPITable>();
+    std::atomic<const KPITable*> published;
     KPISerializer serializer;
     const uint32_t transport;
-    std::string token;
-    google::protobuf::TextFormat::Printer printer;
+    std::string token ZEM_GUARDED_BY(stateMutex);
+    google::protobuf::TextFormat::Printer printer ZEM_GUARDED_BY(campaignMutex);
 };
