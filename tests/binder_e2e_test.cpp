@@ -54,10 +54,12 @@ class BinderE2ETest : public ::testing::Test {
         zem_test::writeFile(campaign, kCampaign);
     }
 
-    std::unique_ptr<Child> startDaemon(const std::string& name) {
+    std::unique_ptr<Child> startDaemon(const std::string& name,
+                                       const std::vector<std::string>& extra = {}) {
         std::vector<std::string> argv = {ZEMD_BIN, "--socket",  dir.file(name + ".sock"),
                                          "--json", "--control", "--campaign",
                                          campaign, "--out",     dir.file(name)};
+        argv.insert(argv.end(), extra.begin(), extra.end());
         auto d = std::make_unique<Child>(argv, dir.file(name + ".out"), dir.file(name + ".err"));
         EXPECT_TRUE(eventually([&] { return !events(d->out(), "binder", "status", "0").empty(); }))
                 << d->out() << d->err();
@@ -66,10 +68,10 @@ class BinderE2ETest : public ::testing::Test {
 
     // Three registration attempts 2 s apart give a restarted daemon 4 s to
     // come up, even in a sanitizer build.
-    std::unique_ptr<Child> startClient() {
+    std::unique_ptr<Child> startClient(const std::string& name = "client") {
         std::vector<std::string> argv = {
                 BINDER_E2E_CLIENT_BIN, "--collectors", "2", "--cache", cache, "--retry-ms", "2000"};
-        return std::make_unique<Child>(argv, dir.file("client.out"), dir.file("client.err"));
+        return std::make_unique<Child>(argv, dir.file(name + ".out"), dir.file(name + ".err"));
     }
 
     void logSamples(Child& client, int n) {
@@ -161,8 +163,12 @@ TEST_F(BinderE2ETest, KilledDaemonGivesEachCollectorOneLostConnAndARestartGetsEv
     // campaign stopped and its file kept, since it cannot be delivered.
     first->signal(SIGKILL);
     EXPECT_EQ(128 + SIGKILL, first->waitExit());
-    ASSERT_TRUE(eventually([&] { return count(client->out(), "e2e: stop-callback") == 2; }))
-            << client->err();
+    // Each collector logs its LostConn line after its stop callback has
+    // returned: wait for those lines, not for the callbacks.
+    ASSERT_TRUE(eventually([&] {
+        return count(client->err(), "zem_collector::LostConn deleteing client instance") == 2;
+    })) << client->err();
+    EXPECT_EQ(2, count(client->out(), "e2e: stop-callback"));
     const std::string afterKill = client->err();
     EXPECT_EQ(1,
               zem_test::countLogLines(afterKill, 'I', "DeathRecipientImpl - ZEM Server has died"));
@@ -208,6 +214,58 @@ TEST_F(BinderE2ETest, KilledDaemonGivesEachCollectorOneLostConnAndARestartGetsEv
     client->send("quit");
     EXPECT_EQ(0, client->waitExit());
     EXPECT_EQ(2u, events(second->out(), "deregister", "known", "true").size());
+}
+
+// A daemon that sends a campaign stop from inside its own handler of the
+// client's call: on a device (and on the host runtime) that stop arrives on
+// the very thread that waits for the handler, which holds the binder
+// client's call lock (registration) or is the writer thread a stop joins
+// (a rollover's delivery). The stop must be answered with the stop
+// callback's result, nothing may deadlock, and every window still arrives.
+TEST_F(BinderE2ETest, StopSentFromInsideTheClientsCallIsAnsweredAndLosesNothing) {
+    for (const std::string fault : {"stop-in-register", "stop-in-send"}) {
+        SCOPED_TRACE(fault);
+        // A 100-byte threshold makes the first records roll the file over,
+        // so the first delivery runs on a writer thread.
+        std::string small = kCampaign;
+        small.replace(small.find("100000"), 6, "100");
+        zem_test::writeFile(campaign, small);
+        auto daemon = startDaemon("zemd-" + fault, {"--fault", fault});
+        auto client = startClient("client-" + fault);
+        ASSERT_TRUE(eventually([&] { return count(client->out(), "e2e: start-callback") == 2; }))
+                << client->err();
+        // Under stop-in-send the first rollover's delivery brings the stop.
+        client->send("log 100");
+        ASSERT_TRUE(eventually([&] { return count(client->out(), "e2e: logged ") == 1; }));
+        ASSERT_NE(client->out().find("e2e: logged 100 rejected 0"), std::string::npos);
+        // The stop sent from inside the call got its answer: the stop
+        // callback's result, or -1 for a registration whose token the client
+        // does not know before the call returns.
+        ASSERT_TRUE(eventually([&] {
+            return events(daemon->out(), "command", "command", "stopCampaign").size() == 1 &&
+                   events(daemon->out(), "response").size() == 3;
+        })) << daemon->out()
+            << client->out() << client->err();
+        EXPECT_EQ(fault == "stop-in-send" ? 3u : 2u,
+                  events(daemon->out(), "response", "status", "0").size())
+                << daemon->out();
+
+        daemon->send("stop");
+        // Every window logged reaches the daemon, those of a collector whose
+        // stop came from inside a call included (its last file goes out once
+        // that call has ended).
+        EXPECT_TRUE(eventually([&] {
+            return events(daemon->out(), "window").size() == 2u * windowsFor(100) &&
+                   cached("bind-0") + cached("bind-1") == 0;
+        })) << daemon->out()
+            << client->out() << client->err();
+        client->send("quit");
+        EXPECT_EQ(0, client->waitExit()) << client->err();
+        EXPECT_NE(client->out().find("e2e: deregistered 0 0"), std::string::npos) << client->out();
+        daemon->signal(SIGTERM);
+        daemon->waitExit();
+        zem_test::writeFile(campaign, kCampaign);
+    }
 }
 
 }  // namespace

@@ -54,6 +54,7 @@ Status ZemBinderService::registerZEMClient(const std::string& name,
     JsonObject f;
     f.add("name", name).add("transport", "binder").add("token", *token);
     daemon.emit("register", f, "name=" + name + " (binder) token=" + *token);
+    if (zemfault::stopInRegisterNow()) push(*token, false);
     return Status::ok();
 }
 
@@ -217,6 +218,7 @@ Status ZemBinderService::sendData(const std::vector<uint8_t>& data, const std::s
     if (const int code = zemfault::beforeSend()) {
         return Status::fromServiceSpecificError(code, "zemd --fault send-status");
     }
+    if (zemfault::stopInSendNow()) push(token, false);
     std::string name = daemon.clientName(token);
     if (name.empty()) name = "unknown";
     uint64_t seq;

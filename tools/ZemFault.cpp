@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <random>
 #include <thread>
@@ -23,10 +25,14 @@ struct Settings {
     bool badCommand = false;
     bool badReply = false;
     bool badEvent = false;
+    bool stopInRegister = false;
+    bool stopInSend = false;
     std::string names;
 };
 
 Settings gSettings;
+std::atomic<bool> gStoppedInRegister{false};
+std::atomic<bool> gStoppedInSend{false};
 
 [[noreturn]] void hangForever() {
     for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
@@ -70,6 +76,10 @@ bool add(const std::string& option, std::string* error) {
         s.badReply = true;
     } else if (!hasValue && name == "bad-event") {
         s.badEvent = true;
+    } else if (!hasValue && name == "stop-in-register") {
+        s.stopInRegister = true;
+    } else if (!hasValue && name == "stop-in-send") {
+        s.stopInSend = true;
     } else {
         ok = false;
     }
@@ -89,6 +99,14 @@ std::string describe() {
 int beforeRegister() {
     if (gSettings.hangRegister) hangForever();
     return gSettings.registerStatus;
+}
+
+bool stopInRegisterNow() {
+    return gSettings.stopInRegister && !gStoppedInRegister.exchange(true);
+}
+
+bool stopInSendNow() {
+    return gSettings.stopInSend && !gStoppedInSend.exchange(true);
 }
 
 int beforeSend() {

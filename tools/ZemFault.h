@@ -16,6 +16,10 @@
 //   bad-command        command requests carry an undecodable startCampaign
 //   bad-reply          the binder Register reply is truncated
 //   bad-event          the binder campaign event parcel is truncated
+//   stop-in-register   the first binder Register sends the client a campaign
+//                      stop (event 512) before it answers, as a call back
+//                      into the client from inside the client's call
+//   stop-in-send       the same from inside the first binder SendData
 //
 // Hooks are called from zemd's gRPC handler threads and binder pool threads;
 // the settings are written once by main() before any of them start.
@@ -39,6 +43,10 @@ std::string describe();
 // Blocks for ever when hang-register is on; else returns the status that
 // Register answers (0 unless register-status is set).
 int beforeRegister();
+
+// True once, for the first call, under stop-in-register or stop-in-send.
+bool stopInRegisterNow();
+bool stopInSendNow();
 
 // Applies hang-send and slow-send; returns the failure code SendData
 // answers without storing (0: go on normally).

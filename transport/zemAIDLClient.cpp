@@ -4,6 +4,7 @@
 #include <binder/ProcessState.h>
 #include <binder/Stability.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "collector/zem_collector.h"
+#include "common/DaemonCall.h"
 #include "common/PolledLock.h"
 #include "common/ZemLog.h"
 
@@ -46,10 +48,18 @@ std::vector<uint8_t> readWholeFile(const std::string& filename) {
 
 std::mutex zemAIDLClient::clientPtrMutex;
 std::shared_ptr<zemAIDLClient> zemAIDLClient::clientPtr;
+std::vector<std::weak_ptr<zemAIDLClient>> zemAIDLClient::instances;
 
 std::shared_ptr<zemAIDLClient> zemAIDLClient::getClientInstance() {
     std::lock_guard<std::mutex> lock(clientPtrMutex);
-    if (!clientPtr) clientPtr.reset(new zemAIDLClient());
+    if (!clientPtr) {
+        clientPtr.reset(new zemAIDLClient());
+        instances.erase(
+                std::remove_if(instances.begin(), instances.end(),
+                               [](const std::weak_ptr<zemAIDLClient>& w) { return w.expired(); }),
+                instances.end());
+        instances.push_back(clientPtr);
+    }
     return clientPtr;
 }
 
@@ -98,6 +108,7 @@ bool zemAIDLClient::setZEMBinder() {
     sp<IZEMManager> made = new BpZEMManager(binder);
     std::lock_guard<std::mutex> lock(stateMutex);
     manager = made;
+    service = binder;
     return true;
 }
 
@@ -146,13 +157,17 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
     }
     {
         std::lock_guard<std::mutex> lock(stateMutex);
-        if (callback == nullptr) callback = new ZEMCallbackImpl();
+        if (callback == nullptr) callback = new ZEMCallbackImpl(weak_from_this());
         m = manager;
         cb = callback;
     }
 
     std::string token;
-    const Status status = m->registerZEMClient(name, cb, &token);
+    Status status;
+    {
+        zem::DaemonCall waiting;
+        status = m->registerZEMClient(name, cb, &token);
+    }
     if (!status.isOk()) {
         ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
         return -1;
@@ -166,6 +181,13 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
         collectors[token] = collector;
     }
     if (collector != nullptr) collector->setToken(token);
+    {
+        // Another collector's failed connection may have dropped this
+        // instance from clientPtr meanwhile; the collectors that register
+        // next must share it, or they would build a second connection.
+        std::lock_guard<std::mutex> lock(clientPtrMutex);
+        if (!clientPtr) clientPtr = shared_from_this();
+    }
 
     // The entry exists before the daemon is asked, so an event pushed in
     // answer finds its collector.
@@ -189,7 +211,11 @@ int32_t zemAIDLClient::sendData(const std::string& filename, const std::string& 
     const std::vector<uint8_t> content = readWholeFile(filename);
     ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(content.size()));
     bool ok = false;
-    const Status status = m->sendData(content, token, &ok);
+    Status status;
+    {
+        zem::DaemonCall waiting;
+        status = m->sendData(content, token, &ok);
+    }
     if (!status.isOk()) {
         ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
         return -1;
@@ -218,7 +244,11 @@ int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
         ZEM_LOGE("%s - an earlier call to the daemon is still waiting for its answer", kOp);
         return -1;
     }
-    const Status status = m->deregisterZEMClient(token);
+    Status status;
+    {
+        zem::DaemonCall waiting;
+        status = m->deregisterZEMClient(token);
+    }
     if (!status.isOk()) {
         ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
         return -1;
@@ -282,7 +312,8 @@ bool zemAIDLClient::callCollector(const std::string& token, Fn&& fn) {
     return true;
 }
 
-zemAIDLClient::ZEMCallbackImpl::ZEMCallbackImpl() {
+zemAIDLClient::ZEMCallbackImpl::ZEMCallbackImpl(std::weak_ptr<zemAIDLClient> owner)
+    : owner(std::move(owner)) {
     android::internal::Stability::markCompilationUnit(this);
 }
 
@@ -292,7 +323,7 @@ Status zemAIDLClient::ZEMCallbackImpl::onCampaignEvent(int32_t eventType, int64_
                                                        const std::string& token, int32_t* result) {
     static const char* const kOp = "onCampaignEvent";
     *result = -1;
-    const std::shared_ptr<zemAIDLClient> client = getClientInstance();
+    const std::shared_ptr<zemAIDLClient> client = owner.lock();
     const bool found = client && client->callCollector(token, [&](zem_collector* collector) {
         // Stop is tested before start.
         if (eventType == IZEMCallback::kCampaignStop) {
@@ -309,27 +340,36 @@ Status zemAIDLClient::ZEMCallbackImpl::onCampaignEvent(int32_t eventType, int64_
     return Status::ok();
 }
 
-void zemAIDLClient::DeathRecipientImpl::binderDied(const wp<IBinder>& /*who*/) {
+void zemAIDLClient::DeathRecipientImpl::binderDied(const wp<IBinder>& who) {
     ZEM_LOGI("DeathRecipientImpl - ZEM Server has died");
     // Held for the whole call: the collectors below drop their references.
-    const std::shared_ptr<zemAIDLClient> client = getClientInstance();
-    std::vector<std::pair<std::string, zem_collector*>> entries;
+    std::vector<std::shared_ptr<zemAIDLClient>> clients;
     {
-        std::lock_guard<std::mutex> lock(client->stateMutex);
-        entries.assign(client->collectors.begin(), client->collectors.end());
+        std::lock_guard<std::mutex> lock(clientPtrMutex);
+        for (const std::weak_ptr<zemAIDLClient>& w : instances) {
+            if (std::shared_ptr<zemAIDLClient> c = w.lock()) clients.push_back(std::move(c));
+        }
     }
-    for (const auto& entry : entries) {
-        resetClientPtr(client.get());
-        // An entry forgotten since the snapshot is skipped.
-        zem_collector* collector = nullptr;
+    for (const std::shared_ptr<zemAIDLClient>& client : clients) {
+        std::vector<std::pair<std::string, zem_collector*>> entries;
         {
             std::lock_guard<std::mutex> lock(client->stateMutex);
-            auto it = client->collectors.find(entry.first);
-            if (it == client->collectors.end() || it->second != entry.second) continue;
-            collector = it->second;
-            client->beginCall(collector);
+            if (client->service.get() != who.unsafe_get()) continue;
+            entries.assign(client->collectors.begin(), client->collectors.end());
         }
-        collector->LostConn();
-        client->endCall(collector);
+        for (const auto& entry : entries) {
+            resetClientPtr(client.get());
+            // An entry forgotten since the snapshot is skipped.
+            zem_collector* collector = nullptr;
+            {
+                std::lock_guard<std::mutex> lock(client->stateMutex);
+                auto it = client->collectors.find(entry.first);
+                if (it == client->collectors.end() || it->second != entry.second) continue;
+                collector = it->second;
+                client->beginCall(collector);
+            }
+            collector->LostConn();
+            client->endCall(collector);
+        }
     }
 }

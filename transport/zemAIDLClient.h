@@ -39,7 +39,8 @@
 #include "transport/IZEMManager.h"
 #include "transport/zemTransportClient.h"
 
-class zemAIDLClient : public zemTransportClient {
+class zemAIDLClient : public zemTransportClient,
+                      public std::enable_shared_from_this<zemAIDLClient> {
   public:
     // The process's instance; creates it when there is none.
     static std::shared_ptr<zemAIDLClient> getClientInstance();
@@ -78,27 +79,37 @@ class zemAIDLClient : public zemTransportClient {
     // bounded by that call.
     void forgetCollector(zem_collector* collector) override;
 
-    // The binder object that receives the daemon's campaign events.
+    // The binder object that receives the daemon's campaign events for the
+    // collectors registered through one instance.
     class ZEMCallbackImpl : public BnZEMCallback {
       public:
-        ZEMCallbackImpl();
+        explicit ZEMCallbackImpl(std::weak_ptr<zemAIDLClient> owner);
 
-        // Runs on a binder thread. Finds the collector registered under
-        // `token` in the current instance and stops (512) or starts (256) its
-        // campaign; *result is the collector's result, -1 for an unknown
-        // token or another event. Always returns an ok status.
+        // Runs on a binder thread, or on a thread of ours that is waiting for
+        // the daemon when the daemon calls back from inside that call. Finds
+        // the collector registered under `token` in the instance that
+        // registered it and stops (512) or starts (256) its campaign;
+        // *result is the collector's result, -1 for an unknown token or
+        // another event. Always returns an ok status.
         android::binder::Status onCampaignEvent(int32_t eventType, int64_t campaignId,
                                                 const std::vector<uint8_t>& campaignConfig,
                                                 int32_t eventArg, const std::string& token,
                                                 int32_t* result) override;
+
+      private:
+        // The instance whose table holds the tokens this object was
+        // registered with: events reach it even after clientPtr has moved on
+        // to another instance.
+        const std::weak_ptr<zemAIDLClient> owner;
     };
 
     // Watches the daemon's service binder.
     class DeathRecipientImpl : public android::IBinder::DeathRecipient {
       public:
         // Runs on a binder thread when the daemon exits or is killed: every
-        // collector in the current instance's table, in token order, gets
-        // LostConn() once per entry, after clientPtr has been dropped.
+        // collector in the table of each instance connected to `who`, in
+        // token order, gets LostConn() once per entry, after clientPtr has
+        // been dropped.
         void binderDied(const android::wp<android::IBinder>& who) override;
     };
 
@@ -121,6 +132,9 @@ class zemAIDLClient : public zemTransportClient {
     std::mutex stateMutex;
     std::condition_variable callsDone;
     android::sp<IZEMManager> manager;
+    // The daemon's service binder the manager talks to, to tell which
+    // instances a death notice is for.
+    android::sp<android::IBinder> service;
     android::sp<ZEMCallbackImpl> callback;
     std::map<std::string, zem_collector*> collectors;
     // Collectors with a registerClient in progress; true once forgotten.
@@ -130,4 +144,7 @@ class zemAIDLClient : public zemTransportClient {
 
     static std::mutex clientPtrMutex;
     static std::shared_ptr<zemAIDLClient> clientPtr;
+    // Every instance made, so that a death notice reaches the collectors of
+    // one that is no longer in clientPtr. Guarded by clientPtrMutex.
+    static std::vector<std::weak_ptr<zemAIDLClient>> instances;
 };

@@ -46,6 +46,37 @@ void drain(int fd) {
     }
 }
 
+// The process at the other end of a connected Unix socket, 0 if unknown.
+pid_t peerPid(int fd) {
+    ucred cred{};
+    socklen_t len = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return 0;
+    return cred.pid;
+}
+
+// The process that owns an endpoint ".../proc/<pid>-<nonce>", 0 if unknown.
+pid_t endpointPid(const std::string& ep) {
+    const size_t at = ep.rfind("/proc/");
+    if (at == std::string::npos) return 0;
+    return static_cast<pid_t>(strtol(ep.c_str() + at + 6, nullptr, 10));
+}
+
+// The two-way transactions this thread is serving, innermost last: the
+// connection each arrived on and the process that sent it.
+struct Serving {
+    int fd;
+    pid_t peer;
+};
+thread_local std::vector<Serving> tServing;
+
+class ServingScope {
+  public:
+    ServingScope(int fd, pid_t peer) { tServing.push_back({fd, peer}); }
+    ~ServingScope() { tServing.pop_back(); }
+    ServingScope(const ServingScope&) = delete;
+    ServingScope& operator=(const ServingScope&) = delete;
+};
+
 }  // namespace
 
 HostRuntime& HostRuntime::get() {
@@ -232,40 +263,97 @@ status_t HostRuntime::readParcelFrame(int fd, const FrameHeader& header, Parcel*
 status_t HostRuntime::transact(const std::string& ep, uint64_t id, uint32_t code,
                                const Parcel& data, Parcel* reply, uint32_t flags) {
     if (data.dataSize() > kMaxParcelBytes) return FAILED_TRANSACTION;
-    const int fd = connectAbstract(ep);
-    if (fd < 0) return DEAD_OBJECT;
     FrameHeader header;
     header.kind = kTransact;
     header.object = id;
     header.code = code;
     header.flags = flags;
+    // A two-way call to a process that is waiting for this thread's answer
+    // goes to the thread that waits, over the connection its call came on, as
+    // the binder driver delivers it; the pool may be busy or even full of
+    // threads waiting on us.
+    if ((flags & IBinder::FLAG_ONEWAY) == 0) {
+        const pid_t owner = endpointPid(ep);
+        for (auto it = tServing.rbegin(); owner != 0 && it != tServing.rend(); ++it) {
+            if (it->peer != owner) continue;
+            const int fd = it->fd;
+            setReceiveTimeout(fd, 0);
+            const status_t err = sendParcelFrame(fd, header, &data);
+            return err != OK ? err : awaitReply(fd, reply);
+        }
+    }
+    const int fd = connectAbstract(ep);
+    if (fd < 0) return DEAD_OBJECT;
     status_t err = sendParcelFrame(fd, header, &data);
     if (err != OK || (flags & IBinder::FLAG_ONEWAY) != 0) {
         close(fd);
         return err;
     }
-    FrameHeader answer;
-    if (!readFully(fd, &answer, sizeof(answer))) {
-        // The owner went away before it answered.
-        close(fd);
-        return DEAD_OBJECT;
-    }
-    Parcel scratch;
-    Parcel* target = reply != nullptr ? reply : &scratch;
-    if (answer.magic != kFrameMagic || answer.kind != kReply) {
-        err = FAILED_TRANSACTION;
-    } else {
-        err = readParcelFrame(fd, answer, target);
-        if (err == NOT_ENOUGH_DATA) {
-            err = DEAD_OBJECT;
-        } else if (err != OK) {
-            err = FAILED_TRANSACTION;
-        } else {
-            err = answer.status;
-        }
-    }
+    err = awaitReply(fd, reply);
     close(fd);
     return err;
+}
+
+status_t HostRuntime::awaitReply(int fd, Parcel* reply) {
+    for (;;) {
+        FrameHeader answer;
+        if (!readFully(fd, &answer, sizeof(answer))) {
+            // The owner went away before it answered.
+            return DEAD_OBJECT;
+        }
+        if (answer.magic == kFrameMagic && answer.kind == kTransact &&
+            (answer.flags & IBinder::FLAG_ONEWAY) == 0) {
+            // The owner calls back into this process while serving us: this
+            // thread runs the call and answers it, then waits on.
+            const status_t err = serveOn(fd, answer, peerPid(fd));
+            if (err != OK) return err;
+            continue;
+        }
+        Parcel scratch;
+        Parcel* target = reply != nullptr ? reply : &scratch;
+        if (answer.magic != kFrameMagic || answer.kind != kReply) return FAILED_TRANSACTION;
+        const status_t err = readParcelFrame(fd, answer, target);
+        if (err == NOT_ENOUGH_DATA) return DEAD_OBJECT;
+        if (err != OK) return FAILED_TRANSACTION;
+        return answer.status;
+    }
+}
+
+status_t HostRuntime::serveOn(int fd, const FrameHeader& header, pid_t peer) {
+    Parcel data;
+    Parcel reply;
+    status_t status = readParcelFrame(fd, header, &data);
+    if (status == NOT_ENOUGH_DATA) return DEAD_OBJECT;
+    if (status == OK) {
+        sp<IBinder> target;
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            auto it = mObjects.find(header.object);
+            if (it != mObjects.end()) target = it->second;
+        }
+        if (target == nullptr) {
+            status = DEAD_OBJECT;
+        } else if ((header.flags & IBinder::FLAG_ONEWAY) != 0) {
+            // Nobody waits for a one-way call: calls made while serving it
+            // go the usual way.
+            status = target->transact(header.code, data, &reply, header.flags);
+        } else {
+            ServingScope scope(fd, peer);
+            status = target->transact(header.code, data, &reply, header.flags);
+        }
+    } else {
+        reply.freeData();
+    }
+    if ((header.flags & IBinder::FLAG_ONEWAY) != 0) return OK;
+    FrameHeader answer;
+    answer.kind = kReply;
+    answer.status = status;
+    status_t sent = sendParcelFrame(fd, answer, &reply);
+    if (sent == FAILED_TRANSACTION) {
+        answer.status = FAILED_TRANSACTION;
+        sent = sendParcelFrame(fd, answer, nullptr);
+    }
+    return sent;
 }
 
 void HostRuntime::acceptLoop() {
@@ -338,8 +426,9 @@ void HostRuntime::handleAccepted(int fd, const std::string& service) {
         close(fd);
         return;
     }
+    const pid_t peer = peerPid(fd);
     std::lock_guard<std::mutex> lock(mLock);
-    mQueue.push_back({fd, header});
+    mQueue.push_back({fd, header, peer});
     if (mPoolStarted && mQueue.size() > mPoolIdle && mPoolThreads < mPoolMax) {
         spawnPoolThreadLocked();
     }
@@ -427,30 +516,7 @@ void HostRuntime::poolLoop() {
 
 void HostRuntime::serveTransaction(const Incoming& in) {
     setReceiveTimeout(in.fd, kBodyTimeoutMs);
-    Parcel data;
-    Parcel reply;
-    status_t status = readParcelFrame(in.fd, in.header, &data);
-    if (status == OK) {
-        sp<IBinder> target;
-        {
-            std::lock_guard<std::mutex> lock(mLock);
-            auto it = mObjects.find(in.header.object);
-            if (it != mObjects.end()) target = it->second;
-        }
-        status = target != nullptr ? target->transact(in.header.code, data, &reply, in.header.flags)
-                                   : DEAD_OBJECT;
-    } else {
-        reply.freeData();
-    }
-    if ((in.header.flags & IBinder::FLAG_ONEWAY) == 0) {
-        FrameHeader answer;
-        answer.kind = kReply;
-        answer.status = status;
-        if (sendParcelFrame(in.fd, answer, &reply) == FAILED_TRANSACTION) {
-            answer.status = FAILED_TRANSACTION;
-            sendParcelFrame(in.fd, answer, nullptr);
-        }
-    }
+    serveOn(in.fd, in.header, in.peer);
     close(in.fd);
 }
 

@@ -12,6 +12,10 @@
 //  - pool threads ("binder:<pid>_<n>") run queued transactions: one at
 //    startThreadPool, more on demand up to the maximum (15 by default);
 //    one-way calls to one object run one at a time in arrival order;
+//  - a thread waiting for the answer to its own two-way call runs the
+//    two-way calls that the serving process makes back into this one while
+//    serving it: they come over the same connection, as the binder driver
+//    hands them to the waiting thread on a device;
 //  - the death-watch thread ("hbinder_death") holds every death-link
 //    connection, both the ones this process opened as a proxy (their end of
 //    file fires the proxy's obituaries, on that thread) and the ones other
@@ -23,6 +27,7 @@
 
 #include <binder/BpBinder.h>
 #include <binder/Parcel.h>
+#include <sys/types.h>
 
 #include <condition_variable>
 #include <deque>
@@ -89,6 +94,7 @@ class HostRuntime {
     struct Incoming {
         int fd;
         FrameHeader header;
+        pid_t peer = 0;  // the calling process
     };
     // One-way calls to one object: whether one runs, and those waiting.
     struct AsyncQueue {
@@ -109,6 +115,13 @@ class HostRuntime {
     void handleAccepted(int fd, const std::string& service);
     void poolLoop();
     void serveTransaction(const Incoming& in);
+    // Reads the request whose header is `header` from `fd`, runs it with
+    // this thread marked as serving `peer`, and answers a two-way call on
+    // `fd`. DEAD_OBJECT when the request or the answer cannot be carried.
+    status_t serveOn(int fd, const FrameHeader& header, pid_t peer);
+    // Waits on `fd` for the answer to a call sent on it, running every call
+    // the owner makes back into this process meanwhile.
+    status_t awaitReply(int fd, Parcel* reply);
     void spawnPoolThreadLocked();
     void wakeAcceptor();
 

@@ -13,7 +13,10 @@
 // binder objects inside those bytes.
 //  - kTransact (to an endpoint): object id, code, flags and the request
 //    parcel; for a two-way call the owner answers one kReply frame carrying
-//    the transaction's status_t and the reply parcel.
+//    the transaction's status_t and the reply parcel. Before that answer the
+//    owner may send two-way kTransact frames of its own on the same
+//    connection (calls it makes back into the caller's process while serving
+//    it); the caller runs each and answers it with a kReply there.
 //  - kLookup (to a service socket): answered by a kReply whose parcel holds
 //    the service object (a strong binder).
 //  - kLink (to an endpoint): answered by a kReply with status only; the owner
