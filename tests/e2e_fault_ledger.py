@@ -155,10 +155,12 @@ class Scenario:
             raise RuntimeError(f"zemd did not come up: {d.err()[-500:]}")
         return d
 
-    def start_client(self, rate=200, threads=1, cache=None, quiet=False):
+    def start_client(self, rate=200, threads=1, cache=None, quiet=False, retry_ms=None):
         argv = self.client_wrapper + [
             self.args.client, "--transport", self.transport, "--cache", cache or self.cache,
             "--threads", str(threads), "--rate", str(rate), "--ledger", self.ledger]
+        if retry_ms:
+            argv += ["--retry-ms", str(retry_ms)]
         if self.transport == "grpc":
             argv += ["--socket", self.sock]
         c = Proc(argv, os.path.join(self.dir, f"client{len(self.clients)}"), env=self.env,

@@ -15,4 +15,13 @@ if(Python3_FOUND)
                      ${_fault_args} --quick)
     set_tests_properties(FaultLedger.QuickScenariosLoseNothingTheDesignKeeps
                          PROPERTIES TIMEOUT 300)
+    # Two threads logging at full speed, no application lock, while zemd
+    # starts, merges and stops campaigns every few milliseconds and is killed
+    # and restarted: every counted sample delivered or kept, on both
+    # transports.
+    add_test(NAME Stress.LoggingAtFullSpeedWhileZemdChurnsCampaignsAndDiesLosesNothing
+             COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/e2e_stress.py
+                     ${_fault_args} --seconds 6)
+    set_tests_properties(Stress.LoggingAtFullSpeedWhileZemdChurnsCampaignsAndDiesLosesNothing
+                         PROPERTIES TIMEOUT 240)
 endif()

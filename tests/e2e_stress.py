@@ -1,0 +1,195 @@
+#!/usr/bin/env python3
+"""Logging at full speed while the daemon changes campaigns under it.
+
+A real zemd and an e2e_fault_client whose two threads log to their own
+counter KPIs as fast as they can, with no lock of the application's, while
+zemd starts a campaign, merges a second one into it, and stops it, every few
+milliseconds, and is killed and restarted every couple of seconds. Run in
+the sanitizer builds, this is where a logging thread reading a freed KPI or
+a window serialized while a thread still adds to it shows up.
+
+Every sample the client counted (zem_log answered 0) must be in a window
+that the daemon received or that still sits in the cache folder: the merged
+campaign names other KPIs, so no KPI is ever replaced and nothing is dropped
+by design. A daemon killed while it stores a file may receive that file
+again from the next run (at-least-once); that shows as samples received
+twice and is reported, not failed.
+
+  e2e_stress.py --zemd BIN --client BIN [--seconds N] [--kill-every N]
+                [--transport T...] [--keep DIR]
+
+Exit status 0 when every transport accounted for every sample, the client
+quit cleanly (no sanitizer report, which makes it exit non-zero) and nothing
+hung; 1 otherwise.
+"""
+import argparse
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from e2e_fault_ledger import Scenario, eventually, json_lines  # noqa: E402
+
+WINDOW = 10000
+MAIN = f"""
+kpiCfgs {{ id: 1 type: KPI_NUMERIC subType: COUNTER c_cfg {{}} nof_samples: {WINDOW} }}
+kpiCfgs {{ id: 2 type: KPI_NUMERIC subType: COUNTER c_cfg {{}} nof_samples: {WINDOW} }}
+size_threshold: 65536
+time_threshold: 60
+cfg_payload: "stress"
+"""
+# Merged into a running campaign: new ids only, so ids 1 and 2 keep their
+# KPIs and their open windows.
+EXTRA = """
+kpiCfgs { id: 3 type: KPI_NUMERIC subType: GAUGE g_cfg {} nof_samples: 5 }
+kpiCfgs { id: 4 type: KPI_NUMERIC subType: HISTOGRAM h_cfg { bucket_bounds: [10, 20, 30] } nof_samples: 5 }
+size_threshold: 65536
+time_threshold: 60
+cfg_payload: "stress extra"
+"""
+
+
+def samples(events, kid):
+    return sum(e.get("samples", 0) for e in events
+               if e.get("event", "window") == "window" and e.get("kind") == "counter"
+               and e.get("id") == kid)
+
+
+def running(c):
+    """Whether the client's last campaign callback was a start: merges make
+    starts outnumber stops, so counting them does not tell."""
+    last = None
+    for line in c.out().splitlines():
+        parts = line.split()
+        if len(parts) >= 2 and parts[0] == "fault:" and parts[1] in ("start", "stop"):
+            last = parts[1]
+    return last == "start"
+
+
+def run(args, transport, workdir):
+    s = Scenario(args, "stress", transport, workdir)
+    main_path = os.path.join(s.dir, "main.txtpb")
+    extra_path = os.path.join(s.dir, "extra.txtpb")
+    with open(main_path, "w") as f:
+        f.write(MAIN)
+    with open(extra_path, "w") as f:
+        f.write(EXTRA)
+    s.campaign_file = lambda: main_path
+    notes = []
+    ok = True
+    changes = kills = 0
+    try:
+        s.start_daemon()
+        c = s.start_client(rate=0, threads=2, retry_ms=1000)
+        if not eventually(lambda: running(c), 15):
+            notes.append("campaign never started")
+            ok = False
+        start = time.monotonic()
+        next_kill = start + args.kill_every
+        # Pushing the main campaign onto a running one would replace KPIs 1
+        # and 2 and drop their open windows, as designed: the cycle always
+        # stops before it starts the main campaign again.
+        cycle = ("stop", f"push {main_path}", f"push {extra_path}")
+        step = 0
+        while time.monotonic() - start < args.seconds:
+            s.control(cycle[step % 3], timeout=2)
+            step += 1
+            changes += 1
+            time.sleep(0.003)
+            if time.monotonic() >= next_kill:
+                starts = len(s.client_events("start", c))
+                s.daemon().kill()
+                kills += 1
+                # The client notices (its campaign stops) before the new
+                # daemon comes up, registers again (1 s apart) and gets the
+                # campaign at registration; only then does the cycle go on,
+                # so that no push of the main campaign meets a running one.
+                if not eventually(lambda: not running(c), 10):
+                    notes.append("the client did not notice the daemon's death")
+                s.start_daemon()
+                if not eventually(lambda: len(s.client_events("start", c)) > starts, 15):
+                    notes.append("the client did not get a campaign from the restarted daemon")
+                    ok = False
+                step = 0
+                next_kill = time.monotonic() + args.kill_every
+        # End on a fresh run of the main campaign, then stop it and let its
+        # file arrive.
+        s.control("stop", timeout=2)
+        s.control(f"push {main_path}", timeout=2)
+        eventually(lambda: running(c), 10)
+        s.stop_and_drain()
+        if not s.quit_client(timeout=20):
+            ok = False
+        rc = c.p.returncode
+        if rc != 0:
+            notes.append(f"client exit status {rc}")
+            ok = False
+        err = c.err()
+        for marker in ("ThreadSanitizer", "AddressSanitizer", "runtime error:"):
+            if marker in err:
+                i = err.index(marker)
+                notes.append("sanitizer: " + err[max(0, i - 20):i + 300].replace("\n", " | "))
+                ok = False
+        logged = s.logged()
+        received = [0, 0]
+        for d in s.daemons:
+            evs = list(json_lines(d.out()))
+            received = [received[0] + samples(evs, 1), received[1] + samples(evs, 2)]
+        cached = [0, 0]
+        files = [os.path.join(s.cache, f) for f in s.cache_files()]
+        if files:
+            r = subprocess.run([args.zemdump, "--json"] + files, capture_output=True, text=True,
+                               timeout=120)
+            evs = list(json_lines(r.stdout))
+            cached = [samples(evs, 1), samples(evs, 2)]
+        starts = len(s.client_events("start", c))
+        stops = len(s.client_events("stop", c))
+        print(f"{transport:7} threads 2, campaign changes {changes} (client saw {starts} starts, "
+              f"{stops} stops), daemon kills {kills}", flush=True)
+        for t in range(2):
+            kept = received[t] + cached[t]
+            lost = logged[t] - kept
+            print(f"        thread {t}: samples logged {logged[t]}, received {received[t]}, "
+                  f"in cache {cached[t]}, lost {max(lost, 0)}"
+                  + (f", received twice {-lost}" if lost < 0 else ""), flush=True)
+            if lost > 0 or (lost < 0 and kills == 0):
+                ok = False
+    except Exception as e:  # a harness problem fails the run, not crashes it
+        notes.append(f"ERROR {type(e).__name__}: {e}")
+        ok = False
+    finally:
+        s.close()
+    for n in notes:
+        print(f"        {n}", flush=True)
+    print(f"        {'ok' if ok else 'FAILED'}", flush=True)
+    return ok
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__,
+                                 formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--zemd", required=True)
+    ap.add_argument("--client", required=True)
+    ap.add_argument("--zemdump")
+    ap.add_argument("--seconds", type=float, default=6)
+    ap.add_argument("--kill-every", type=float, default=2)
+    ap.add_argument("--transport", nargs="*", default=["grpc", "binder"])
+    ap.add_argument("--keep", help="keep the processes' output and files in this folder")
+    args = ap.parse_args()
+    if not args.zemdump:
+        args.zemdump = os.path.join(os.path.dirname(args.zemd), "zemdump")
+    workdir = args.keep or tempfile.mkdtemp(prefix="zem-stress-")
+    os.makedirs(workdir, exist_ok=True)
+    try:
+        results = [run(args, t, workdir) for t in args.transport]
+    finally:
+        if not args.keep:
+            shutil.rmtree(workdir, ignore_errors=True)
+    return 0 if all(results) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
