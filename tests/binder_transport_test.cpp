@@ -867,4 +867,30 @@ TEST(AIDLClient, EventsReachTheRightCollectorAndDeathReachesEveryOne) {
     client->forgetCollector(&b);
 }
 
+// Two collectors register at once through the process's instance while the
+// service is not yet published: the first one's failed connection drops the
+// instance from clientPtr just before the service appears and the second one
+// registers on it. That collector must still receive its campaigns and the
+// daemon's death, and later collectors must share its connection.
+TEST(AIDLClient, ACollectorRegisteredOnAnInstanceAnotherFailureDroppedStillHearsTheDaemon) {
+    zem_test::TempDir dir;
+    RecordingCollector early("early", dir.path());
+    RecordingCollector late("late", dir.path());
+    auto shared = zemAIDLClient::getClientInstance();
+    EXPECT_EQ(-1, shared->registerClient("early", 0x100, &early));
+    Peer daemon({"daemon", "vendor_zemsdkservice", "c0ffee"});
+    ASSERT_TRUE(daemon.saw("ready"));
+    ASSERT_EQ(0, shared->registerClient("late", 0x100, &late));
+    EXPECT_EQ(shared.get(), zemAIDLClient::getClientInstance().get());
+    ASSERT_TRUE(daemon.saw("event-result late-1 256 0 21"));
+    EXPECT_EQ(1u, late.started().size());
+
+    daemon.child.signal(SIGKILL);
+    daemon.child.waitExit();
+    ASSERT_TRUE(zem_e2e::eventually([&] { return late.lost.load() == 1; }));
+    EXPECT_EQ(0, early.lost.load());
+    shared->forgetCollector(&early);
+    shared->forgetCollector(&late);
+}
+
 }  // namespace
