@@ -12,17 +12,21 @@
  *     campaign does not name (or no campaign yet), a wrong KPI type on the
  *     numeric and event paths, or a rejected blob. -2 means a wrong KPI type
  *     on the state and blob paths. Nothing throws across this interface.
- *  2. Threading: any thread may log, but one KPI id must not be logged from
- *     two threads at once. Different ids may be logged concurrently. The
- *     daemon starts and stops campaigns from the library's own threads; the
- *     application logs while a campaign is steady. zem_deregister must not
- *     race with logging calls on the same handle.
+ *  2. Threading: any thread may log at any time, also while the daemon
+ *     starts, merges or stops a campaign on the library's own threads; no
+ *     lock of the application's is needed. One KPI id must not be logged
+ *     from two threads at once; different ids may be logged concurrently.
+ *     zem_deregister must not race with logging calls on the same handle.
+ *     A sample that races a campaign stop lands in the window the stop
+ *     writes out, or is refused with -1.
  *  3. Ownership: zem_register copies everything from the configuration
  *     record; the caller may free it (and its strings) as soon as the call
  *     returns. The handle stays valid until zem_deregister destroys it.
- *  4. Blocking: the logging calls never block, allocate (on an open window)
- *     or log. zem_register returns at once; registration with the daemon
- *     runs on a thread of its own.
+ *  4. Blocking: the logging calls never block or log. zem_log,
+ *     zem_log_event and zem_log_state allocate nothing (a thread's first
+ *     call sets up its per-thread record once); zem_log_blob copies the
+ *     buffer into the open window. zem_register returns at once;
+ *     registration with the daemon runs on a thread of its own.
  *
  * Usage:
  *
@@ -61,11 +65,20 @@ extern "C" {
 
 /*
  * Called on a library thread once a campaign has been set up, with the
- * campaign's opaque payload. Its result is reported to the daemon.
+ * campaign's opaque payload. Its result is reported to the daemon. The
+ * thread is the gRPC command-stream thread, a binder pool thread or the
+ * registration thread; callbacks of one handle never run at the same time.
+ * Keep it short; it may log, but must not call zem_deregister.
  */
 typedef int32_t (*zem_campaign_start_cb)(const uint8_t* payload, uint64_t length);
 
-/* Called on a library thread when a campaign is stopped. */
+/*
+ * Called on a library thread when a campaign is stopped, before its last
+ * windows are written out; its result is reported to the daemon. The
+ * thread is one of those above, the binder death thread, or the thread of
+ * a call the library is making to the daemon when the daemon sends the stop
+ * from inside it. Keep it short; it must not call zem_deregister.
+ */
 typedef int32_t (*zem_campaign_stop_cb)(void);
 
 /* The configuration record of zem_register. */
