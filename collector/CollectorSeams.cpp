@@ -16,6 +16,7 @@ std::mutex gSeamMutex;
 TransportFactory gFactory;
 std::chrono::milliseconds gRetryDelay = kDefaultRetryDelay;
 std::chrono::milliseconds gDisposePatience = kDefaultDisposePatience;
+bool gThreadStartFails = false;
 }  // namespace
 
 std::shared_ptr<zemTransportClient> makeDefaultTransport(uint32_t transport) {
@@ -51,6 +52,16 @@ std::shared_ptr<zemTransportClient> makeTransport(uint32_t transport) {
         factory = gFactory;
     }
     return factory ? factory(transport) : makeDefaultTransport(transport);
+}
+
+void setThreadStartFailure(bool fail) {
+    std::lock_guard<std::mutex> lock(gSeamMutex);
+    gThreadStartFails = fail;
+}
+
+bool threadStartFails() {
+    std::lock_guard<std::mutex> lock(gSeamMutex);
+    return gThreadStartFails;
 }
 
 std::chrono::milliseconds retryDelay() {

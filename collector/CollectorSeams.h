@@ -33,5 +33,9 @@ void setRetryDelay(std::chrono::milliseconds delay);
 // negative value restores the default.
 void setDisposePatience(std::chrono::milliseconds patience);
 
+// Makes every later start of a registration thread fail as if the system
+// had no thread left (std::system_error), or stops doing so.
+void setThreadStartFailure(bool fail);
+
 }  // namespace internal
 }  // namespace zem

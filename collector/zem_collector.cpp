@@ -16,6 +16,7 @@ namespace internal {
 std::shared_ptr<zemTransportClient> makeTransport(uint32_t transport);
 std::chrono::milliseconds retryDelay();
 std::chrono::milliseconds disposePatience();
+bool threadStartFails();
 }  // namespace internal
 }  // namespace zem
 
@@ -180,7 +181,17 @@ void zem_collector::startRegistrationThread() {
     }
     registrationThreads.emplace_back();
     RegistrationThread* self = &registrationThreads.back();
-    self->thread = std::thread(&zem_collector::registrationLoop, this, self);
+    try {
+        if (zem::internal::threadStartFails()) {
+            throw std::system_error(
+                    std::make_error_code(std::errc::resource_unavailable_try_again));
+        }
+        self->thread = std::thread(&zem_collector::registrationLoop, this, self);
+    } catch (...) {
+        // No entry without a thread: the destructor joins every entry.
+        registrationThreads.pop_back();
+        throw;
+    }
 }
 
 void zem_collector::registrationLoop(RegistrationThread* self) {
@@ -247,7 +258,13 @@ int zem_collector::LostConn() {
     // runs this call; the client copes with being released from its own
     // thread.
     old.reset();
-    startRegistrationThread();
+    try {
+        startRegistrationThread();
+    } catch (const std::system_error& e) {
+        // Nothing may escape to the transport's thread; the collector stays
+        // unregistered, as after three failed attempts.
+        ZEM_LOGE("%s: cannot register again: %s", name.c_str(), e.what());
+    }
     return 0;
 }
 

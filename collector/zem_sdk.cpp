@@ -32,8 +32,19 @@ zem_handle zem_register(const struct zem_cfg_s* cfg) {
 
 int32_t zem_deregister(zem_handle handle) {
     if (handle == nullptr) return -1;
-    const int32_t rc = handle->DeRegister();
-    zem_collector::Dispose(handle);
+    int32_t rc = -1;
+    try {
+        rc = handle->DeRegister();
+    } catch (const std::exception& e) {
+        ZEM_LOGE("%s: zem_deregister: %s", handle->getName().c_str(), e.what());
+    }
+    try {
+        zem_collector::Dispose(handle);
+    } catch (const std::exception& e) {
+        // Dispose deletes the collector itself when it cannot start its
+        // helper thread; what is left to report is the failure.
+        ZEM_LOGE("zem_deregister failed: %s", e.what());
+    }
     return rc;
 }
 

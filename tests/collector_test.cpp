@@ -158,14 +158,13 @@ TEST_F(CollectorTest, EveryNumericClassAggregatesAlikeWhateverItsWindowKind) {
     // windows the general one. Both must give the records the windows define.
     std::string text;
     const char* windows[] = {"nof_samples: 2", "duration_msecs: 60000", ""};
-    const char* classes[] = {"subType: COUNTER",
-                             "subType: GAUGE g_cfg { max: true }",
+    const char* classes[] = {"subType: COUNTER", "subType: GAUGE g_cfg { max: true }",
                              "subType: HISTOGRAM h_cfg { bucket_bounds: [10, 1000] "
                              "underflow_en: true overflow_en: true }"};
     for (int c = 0; c < 3; ++c) {
         for (int w = 0; w < 3; ++w) {
-            text += "kpiCfgs { id: " + std::to_string(10 * (c + 1) + w) +
-                    " type: KPI_NUMERIC " + classes[c] + " " + windows[w] + " }\n";
+            text += "kpiCfgs { id: " + std::to_string(10 * (c + 1) + w) + " type: KPI_NUMERIC " +
+                    classes[c] + " " + windows[w] + " }\n";
         }
     }
     LTCCampaignDef def;
@@ -477,7 +476,8 @@ TEST_F(CollectorTest, DeregisterReturnsWhileARegistrationWaitsOnTheDaemonAndFree
     zem_handle h = zem_register(&c);
     {
         std::unique_lock<std::mutex> lock(stuck->mutex);
-        ASSERT_TRUE(stuck->cv.wait_for(lock, std::chrono::seconds(10), [&] { return stuck->entered; }));
+        ASSERT_TRUE(
+                stuck->cv.wait_for(lock, std::chrono::seconds(10), [&] { return stuck->entered; }));
     }
     EXPECT_EQ(0, zem_deregister(h));
     EXPECT_EQ(1, countLogLines(cap.text(), 'E',
@@ -534,6 +534,33 @@ TEST_F(CollectorTest, LostConnStopsARunningCampaignThenRegistersAfresh) {
     EXPECT_EQ(42u, data.counters(0).value());
     EXPECT_EQ(8u, data.counters(1).value());
     zem_deregister(h);
+}
+
+TEST_F(CollectorTest, AThreadThatCannotStartGivesAnErrorNeverAnAbort) {
+    // zem_register: a null handle and the reason; nothing left to join.
+    zem::internal::setThreadStartFailure(true);
+    {
+        LogCapture cap;
+        zem_cfg_s c = cfg();
+        EXPECT_EQ(nullptr, zem_register(&c));
+        EXPECT_NE(std::string::npos, cap.text().find(" E ")) << cap.text();
+        EXPECT_NE(std::string::npos, cap.text().find("cam: zem_register failed: ")) << cap.text();
+    }
+    zem::internal::setThreadStartFailure(false);
+    // A lost connection on a transport thread: the campaign stops, an ERROR
+    // line says registration cannot start again, and the handle still works.
+    zem_handle h = registered();
+    ASSERT_EQ(0, h->StartCampaign(campaign({counterCfg(1, 100)}).SerializeAsString()));
+    zem::internal::setThreadStartFailure(true);
+    {
+        LogCapture cap;
+        EXPECT_EQ(0, h->LostConn());
+        EXPECT_NE(std::string::npos, cap.text().find("cam: cannot register again: ")) << cap.text();
+    }
+    zem::internal::setThreadStartFailure(false);
+    EXPECT_EQ(1, gStopCalls.load());
+    EXPECT_EQ(-1, zem_log(h, 1, 5));
+    EXPECT_EQ(-1, zem_deregister(h));
 }
 
 TEST(CApi, BadConfigurationsGiveNullAndAnErrorLine) {
