@@ -1,9 +1,16 @@
 #include "tools/KPIDataFormat.h"
 
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/wire_format_lite.h>
+
 #include <algorithm>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
+#include <limits>
 #include <tuple>
+
+#include "tools/JsonCheck.h"
 
 namespace zemtools {
 
@@ -142,10 +149,157 @@ std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
     return lines;
 }
 
+namespace {
+
+using google::protobuf::internal::WireFormatLite;
+using google::protobuf::io::CodedInputStream;
+
+// The window fields of KPIData, in formatWindows' order of kinds.
+constexpr int kCounters = 2, kGauges = 3, kHistograms = 4, kBlobs = 5;
+
+}  // namespace
+
+bool CacheFileIndex::decode(const std::string& bytes) {
+    file = &bytes;
+    entries.clear();
+    lastVersion = 0;
+    // Offsets and the stream's sizes are ints: larger inputs are refused.
+    if (bytes.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return false;
+    CodedInputStream in(reinterpret_cast<const uint8_t*>(bytes.data()),
+                        static_cast<int>(bytes.size()));
+    olvan::KPIData one;
+    const int end = static_cast<int>(bytes.size());
+    while (in.CurrentPosition() < end) {
+        const uint32_t pos = static_cast<uint32_t>(in.CurrentPosition());
+        // A zero tag, or one that does not decode, is malformed.
+        const uint32_t tag = in.ReadTag();
+        if (tag == 0) return false;
+        const int field = static_cast<int>(WireFormatLite::GetTagFieldNumber(tag));
+        const auto wire = WireFormatLite::GetTagWireType(tag);
+        if (field == 1 && wire == WireFormatLite::WIRETYPE_VARINT) {
+            uint64_t v;
+            if (!in.ReadVarint64(&v)) return false;
+            lastVersion = static_cast<int>(static_cast<int32_t>(v));
+            continue;
+        }
+        if (field >= kCounters && field <= kBlobs &&
+            wire == WireFormatLite::WIRETYPE_LENGTH_DELIMITED) {
+            uint32_t len;
+            if (!in.ReadVarint32(&len)) return false;
+            const int start = in.CurrentPosition();
+            if (len > bytes.size() - static_cast<size_t>(start)) return false;
+            const auto* body = reinterpret_cast<const uint8_t*>(bytes.data()) + start;
+            const olvan::MetaData* meta = nullptr;
+            one.Clear();
+            bool ok = false;
+            switch (field) {
+                case kCounters:
+                    ok = one.add_counters()->ParseFromArray(body, static_cast<int>(len));
+                    meta = &one.counters(0).meta();
+                    break;
+                case kGauges:
+                    ok = one.add_gauges()->ParseFromArray(body, static_cast<int>(len));
+                    meta = &one.gauges(0).meta();
+                    break;
+                case kHistograms:
+                    ok = one.add_histograms()->ParseFromArray(body, static_cast<int>(len));
+                    meta = &one.histograms(0).meta();
+                    break;
+                default:
+                    ok = one.add_blobs()->ParseFromArray(body, static_cast<int>(len));
+                    meta = &one.blobs(0).meta();
+                    break;
+            }
+            if (!ok || !in.Skip(static_cast<int>(len))) return false;
+            entries.push_back(Entry{meta->ts_start(), meta->id(), pos});
+            continue;
+        }
+        // Anything else is kept as an unknown field by a merged parse: it
+        // only has to be well formed.
+        if (!WireFormatLite::SkipField(&in, tag)) return false;
+    }
+    return true;
+}
+
+int CacheFileIndex::kindAt(uint32_t pos) const {
+    CodedInputStream in(reinterpret_cast<const uint8_t*>(file->data()) + pos,
+                        static_cast<int>(file->size() - pos));
+    return static_cast<int>(WireFormatLite::GetTagFieldNumber(in.ReadTag()));
+}
+
+void CacheFileIndex::windowAt(uint32_t pos, olvan::KPIData* out) const {
+    CodedInputStream in(reinterpret_cast<const uint8_t*>(file->data()) + pos,
+                        static_cast<int>(file->size() - pos));
+    const int field = static_cast<int>(WireFormatLite::GetTagFieldNumber(in.ReadTag()));
+    uint32_t len = 0;
+    in.ReadVarint32(&len);
+    const auto* body = reinterpret_cast<const uint8_t*>(file->data()) + pos + in.CurrentPosition();
+    const int n = static_cast<int>(len);
+    switch (field) {
+        case kCounters:
+            out->add_counters()->ParseFromArray(body, n);
+            break;
+        case kGauges:
+            out->add_gauges()->ParseFromArray(body, n);
+            break;
+        case kHistograms:
+            out->add_histograms()->ParseFromArray(body, n);
+            break;
+        default:
+            out->add_blobs()->ParseFromArray(body, n);
+            break;
+    }
+}
+
+void CacheFileIndex::forEachLine(bool json, const std::string& jsonPrefix, const LineSink& line) {
+    // formatWindows groups windows by kind, then sorts stably by start and
+    // id: among equal keys, kind order first and file order within a kind.
+    std::sort(entries.begin(), entries.end(), [this](const Entry& a, const Entry& b) {
+        if (a.tsStart != b.tsStart) return a.tsStart < b.tsStart;
+        if (a.id != b.id) return a.id < b.id;
+        const int ka = kindAt(a.pos), kb = kindAt(b.pos);
+        if (ka != kb) return ka < kb;
+        return a.pos < b.pos;
+    });
+    olvan::KPIData one;
+    for (const Entry& e : entries) {
+        one.Clear();
+        windowAt(e.pos, &one);
+        for (const std::string& l : formatWindows(one, json, jsonPrefix)) line(l);
+    }
+}
+
+void CacheFileIndex::forEachWindow(const std::function<void(const olvan::KPIData&)>& window) {
+    std::sort(entries.begin(), entries.end(),
+              [](const Entry& a, const Entry& b) { return a.pos < b.pos; });
+    olvan::KPIData one;
+    for (const Entry& e : entries) {
+        one.Clear();
+        windowAt(e.pos, &one);
+        window(one);
+    }
+}
+
 std::string jsonString(const std::string& text) {
+    // Bytes that are not UTF-8 (a client name or a file name can hold any)
+    // are written as the code points of the same value, so the result is
+    // always valid JSON text.
     std::string out = "\"";
-    for (const char ch : text) {
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char ch = text[i];
         const unsigned char c = static_cast<unsigned char>(ch);
+        if (c >= 0x80) {
+            const size_t n = utf8SequenceLength(text, i);
+            if (n == 0) {
+                char buf[8];
+                snprintf(buf, sizeof buf, "\\u%04x", c);
+                out += buf;
+            } else {
+                out.append(text, i, n);
+                i += n - 1;
+            }
+            continue;
+        }
         switch (c) {
             case '"':
                 out += "\\\"";
@@ -199,9 +353,13 @@ JsonObject& JsonObject::add(const std::string& k, uint64_t value) {
     return *this;
 }
 
+std::string jsonNumber(double value) {
+    return std::isfinite(value) ? number(value) : "null";
+}
+
 JsonObject& JsonObject::add(const std::string& k, double value) {
     key(k);
-    body += number(value);
+    body += jsonNumber(value);
     return *this;
 }
 
