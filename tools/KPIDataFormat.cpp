@@ -154,101 +154,82 @@ namespace {
 using google::protobuf::internal::WireFormatLite;
 using google::protobuf::io::CodedInputStream;
 
-// The window fields of KPIData, in formatWindows' order of kinds.
-constexpr int kCounters = 2, kGauges = 3, kHistograms = 4, kBlobs = 5;
+// The window fields of KPIData (counters, gauges, histograms, blobs) are
+// numbers 2 to 5, in formatWindows' order of kinds.
+constexpr int kCounters = 2, kBlobs = 5;
+
+// The top-level field that starts at `pos`: its tag and where it ends. False
+// when the bytes there do not have a field's shape. The shape is read
+// leniently; whether the field is valid is for the protobuf parser to say.
+bool fieldAt(const std::string& bytes, size_t pos, uint32_t* tag, size_t* end) {
+    CodedInputStream in(reinterpret_cast<const uint8_t*>(bytes.data()) + pos,
+                        static_cast<int>(bytes.size() - pos));
+    *tag = in.ReadTag();
+    if (*tag == 0 || !WireFormatLite::SkipField(&in, *tag)) return false;
+    *end = pos + static_cast<size_t>(in.CurrentPosition());
+    return true;
+}
+
+bool isWindowField(uint32_t tag) {
+    const int field = static_cast<int>(WireFormatLite::GetTagFieldNumber(tag));
+    return field >= kCounters && field <= kBlobs &&
+           WireFormatLite::GetTagWireType(tag) == WireFormatLite::WIRETYPE_LENGTH_DELIMITED;
+}
 
 }  // namespace
 
+// A merged parse reads the file field by field, carrying nothing from one
+// top-level field to the next, so the file parses exactly when each of its
+// top-level fields parses on its own as a KPIData. Each field is handed to
+// the protobuf parser alone: validity is the parser's own, edge cases
+// included, and only one window is ever decoded at a time.
 bool CacheFileIndex::decode(const std::string& bytes) {
     file = &bytes;
-    entries.clear();
+    std::vector<Entry>().swap(entries);
     lastVersion = 0;
-    // Offsets and the stream's sizes are ints: larger inputs are refused.
+    // Offsets are 32-bit and the parser's sizes are ints.
     if (bytes.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return false;
-    CodedInputStream in(reinterpret_cast<const uint8_t*>(bytes.data()),
-                        static_cast<int>(bytes.size()));
+    // A first walk counts the windows, so that the index is allocated once
+    // at its final size instead of growing by copies.
+    size_t windows = 0;
+    uint32_t tag;
+    for (size_t pos = 0, end; pos < bytes.size(); pos = end) {
+        if (!fieldAt(bytes, pos, &tag, &end)) return false;
+        windows += isWindowField(tag);
+    }
+    entries.reserve(windows);
+
     olvan::KPIData one;
-    const int end = static_cast<int>(bytes.size());
-    while (in.CurrentPosition() < end) {
-        const uint32_t pos = static_cast<uint32_t>(in.CurrentPosition());
-        // A zero tag, or one that does not decode, is malformed.
-        const uint32_t tag = in.ReadTag();
-        if (tag == 0) return false;
-        const int field = static_cast<int>(WireFormatLite::GetTagFieldNumber(tag));
-        const auto wire = WireFormatLite::GetTagWireType(tag);
-        if (field == 1 && wire == WireFormatLite::WIRETYPE_VARINT) {
-            uint64_t v;
-            if (!in.ReadVarint64(&v)) return false;
-            lastVersion = static_cast<int>(static_cast<int32_t>(v));
-            continue;
+    for (size_t pos = 0, end = 0; pos < bytes.size(); pos = end) {
+        fieldAt(bytes, pos, &tag, &end);
+        if (!one.ParseFromArray(bytes.data() + pos, static_cast<int>(end - pos))) return false;
+        const olvan::MetaData* meta = nullptr;
+        if (one.counters_size() == 1) meta = &one.counters(0).meta();
+        if (one.gauges_size() == 1) meta = &one.gauges(0).meta();
+        if (one.histograms_size() == 1) meta = &one.histograms(0).meta();
+        if (one.blobs_size() == 1) meta = &one.blobs(0).meta();
+        if (meta != nullptr) {
+            entries.push_back(Entry{meta->ts_start(), meta->id(), static_cast<uint32_t>(pos)});
+        } else if (WireFormatLite::GetTagFieldNumber(tag) == 1 &&
+                   WireFormatLite::GetTagWireType(tag) == WireFormatLite::WIRETYPE_VARINT) {
+            lastVersion = static_cast<int>(one.version());
         }
-        if (field >= kCounters && field <= kBlobs &&
-            wire == WireFormatLite::WIRETYPE_LENGTH_DELIMITED) {
-            uint32_t len;
-            if (!in.ReadVarint32(&len)) return false;
-            const int start = in.CurrentPosition();
-            if (len > bytes.size() - static_cast<size_t>(start)) return false;
-            const auto* body = reinterpret_cast<const uint8_t*>(bytes.data()) + start;
-            const olvan::MetaData* meta = nullptr;
-            one.Clear();
-            bool ok = false;
-            switch (field) {
-                case kCounters:
-                    ok = one.add_counters()->ParseFromArray(body, static_cast<int>(len));
-                    meta = &one.counters(0).meta();
-                    break;
-                case kGauges:
-                    ok = one.add_gauges()->ParseFromArray(body, static_cast<int>(len));
-                    meta = &one.gauges(0).meta();
-                    break;
-                case kHistograms:
-                    ok = one.add_histograms()->ParseFromArray(body, static_cast<int>(len));
-                    meta = &one.histograms(0).meta();
-                    break;
-                default:
-                    ok = one.add_blobs()->ParseFromArray(body, static_cast<int>(len));
-                    meta = &one.blobs(0).meta();
-                    break;
-            }
-            if (!ok || !in.Skip(static_cast<int>(len))) return false;
-            entries.push_back(Entry{meta->ts_start(), meta->id(), pos});
-            continue;
-        }
-        // Anything else is kept as an unknown field by a merged parse: it
-        // only has to be well formed.
-        if (!WireFormatLite::SkipField(&in, tag)) return false;
     }
     return true;
 }
 
 int CacheFileIndex::kindAt(uint32_t pos) const {
-    CodedInputStream in(reinterpret_cast<const uint8_t*>(file->data()) + pos,
-                        static_cast<int>(file->size() - pos));
-    return static_cast<int>(WireFormatLite::GetTagFieldNumber(in.ReadTag()));
+    uint32_t tag = 0;
+    size_t end;
+    fieldAt(*file, pos, &tag, &end);
+    return static_cast<int>(WireFormatLite::GetTagFieldNumber(tag));
 }
 
 void CacheFileIndex::windowAt(uint32_t pos, olvan::KPIData* out) const {
-    CodedInputStream in(reinterpret_cast<const uint8_t*>(file->data()) + pos,
-                        static_cast<int>(file->size() - pos));
-    const int field = static_cast<int>(WireFormatLite::GetTagFieldNumber(in.ReadTag()));
-    uint32_t len = 0;
-    in.ReadVarint32(&len);
-    const auto* body = reinterpret_cast<const uint8_t*>(file->data()) + pos + in.CurrentPosition();
-    const int n = static_cast<int>(len);
-    switch (field) {
-        case kCounters:
-            out->add_counters()->ParseFromArray(body, n);
-            break;
-        case kGauges:
-            out->add_gauges()->ParseFromArray(body, n);
-            break;
-        case kHistograms:
-            out->add_histograms()->ParseFromArray(body, n);
-            break;
-        default:
-            out->add_blobs()->ParseFromArray(body, n);
-            break;
-    }
+    uint32_t tag;
+    size_t end = pos;
+    fieldAt(*file, pos, &tag, &end);
+    out->ParseFromArray(file->data() + pos, static_cast<int>(end - pos));
 }
 
 void CacheFileIndex::forEachLine(bool json, const std::string& jsonPrefix, const LineSink& line) {

@@ -63,7 +63,7 @@ class CacheFileIndex {
         uint32_t id;
         uint32_t pos;  // offset of the window's field in the file
     };
-    // The window whose field starts at `pos`, added to `out`.
+    // Parses the window whose field starts at `pos` into `out`.
     void windowAt(uint32_t pos, olvan::KPIData* out) const;
     int kindAt(uint32_t pos) const;
 
