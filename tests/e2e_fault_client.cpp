@@ -6,8 +6,10 @@
 //
 //   e2e_fault_client --transport grpc|binder [--socket PATH] --cache DIR
 //                    [--threads 1|2] [--rate N] [--ledger FILE] [--retry-ms N]
+//                    [--blob-bytes N]
 //
 // --rate N   samples per second per thread (0: as fast as possible)
+// --blob-bytes N  log blobs of N bytes (zem_log_blob) instead of numbers
 // --ledger   a file whose first 16 bytes hold, per thread, the number of
 //            samples logged so far; written through a shared mapping, so
 //            it stays right when the process is killed. A new run on the
@@ -76,8 +78,11 @@ int32_t onStop() {
     return 0;
 }
 
+size_t gBlobBytes = 0;  // nonzero: blob samples of this size
+
 void logLoop(zem_handle h, int t, long rate) {
     const uint32_t id = static_cast<uint32_t>(t + 1);
+    const std::vector<uint8_t> blob(gBlobBytes, static_cast<uint8_t>('a' + t));
     const auto gap =
             rate > 0 ? std::chrono::microseconds(1000000 / rate) : std::chrono::microseconds(0);
     while (!gQuit.load()) {
@@ -88,7 +93,11 @@ void logLoop(zem_handle h, int t, long rate) {
             // A batch per lock at full speed; one sample per lock otherwise.
             for (int i = 0; running && i < (rate > 0 ? 1 : 256); ++i) {
                 const uint64_t k = gLogged[t].load();
-                if (zem_log(h, id, static_cast<uint32_t>(k)) == 0) gLogged[t].store(k + 1);
+                const int32_t rc =
+                        gBlobBytes > 0
+                                ? zem_log_blob(h, id, blob.data(), static_cast<uint32_t>(blob.size()))
+                                : zem_log(h, id, static_cast<uint32_t>(k));
+                if (rc == 0) gLogged[t].store(k + 1);
             }
         }
         if (!running) {
@@ -121,6 +130,8 @@ int main(int argc, char** argv) {
             ledger = v;
         } else if (opt == "--retry-ms") {
             retryMs = atol(v);
+        } else if (opt == "--blob-bytes") {
+            gBlobBytes = static_cast<size_t>(atol(v));
         } else {
             fprintf(stderr, "e2e_fault_client: unknown option %s\n", opt.c_str());
             return 2;
