@@ -95,6 +95,11 @@ int openCacheFileForAppend(const std::string& path, CacheOpen* why) {
     return fd;
 }
 
+bool isNotCacheFile(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 && !isCacheFile(st);
+}
+
 int openCacheFileForRead(const std::string& path, CacheOpen* why) {
     return openEntry(path, O_RDONLY, why);
 }

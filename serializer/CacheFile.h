@@ -35,6 +35,9 @@ constexpr unsigned int kCacheFileMode = 0600;
 // kFailed).
 int openCacheFileForAppend(const std::string& path, CacheOpen* why);
 
+// True when an entry exists at `path` and is not a cache file. Logs nothing.
+bool isNotCacheFile(const std::string& path);
+
 // Opens the cache file at `path` for reading. Returns the descriptor, or -1
 // with the reason in `*why`.
 int openCacheFileForRead(const std::string& path, CacheOpen* why);

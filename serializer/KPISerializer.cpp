@@ -28,6 +28,8 @@ constexpr std::chrono::milliseconds kWriterNap{1};
 // How many names after the current second's a new file may take when
 // entries that are not cache files hold the names before it.
 constexpr int64_t kMaxNameSkips = 64;
+// Names of such entries remembered, so each is reported once.
+constexpr size_t kMaxReportedEntries = 256;
 
 // At most one line a second about dropped records.
 constexpr std::chrono::seconds kDropReportInterval{1};
@@ -157,13 +159,22 @@ void KPISerializer::createFout() {
             std::lock_guard<std::mutex> lock(queueMutex);
             currFileName = path;
         }
+        // An entry already reported is passed over quietly while it stays:
+        // rollovers within one second meet the same names again.
+        if (reportedEntries.count(path) != 0 && zem::isNotCacheFile(path)) {
+            why = zem::CacheOpen::kNotCacheFile;
+            continue;
+        }
         why = openForAppend(path);
         if (why != zem::CacheOpen::kNotCacheFile) break;
+        if (reportedEntries.size() >= kMaxReportedEntries) reportedEntries.clear();
+        reportedEntries.insert(path);
     }
     // Records written to a file that could not be created are lost: say so
     // once, for this file.
     if (why != zem::CacheOpen::kOk) {
         const int err = errno;
+        failed = true;
         if (why == zem::CacheOpen::kNotCacheFile) {
             ZEM_LOGE("Failed to open file: %s: no free cache file name", path.c_str());
         } else {

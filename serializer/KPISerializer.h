@@ -38,6 +38,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -152,6 +153,10 @@ class KPISerializer {
     int64_t fileSize = 0;
     bool failed = false;
     bool writeErrorLogged = false;  // one line per file about a failed open or write
+    // Entries under new files' names found not to be cache files (writer
+    // side only), so that each gets one ERROR line rather than one per
+    // rollover.
+    std::set<std::string> reportedEntries;
     std::string currFileName;
 
     std::deque<Record> queue;
