@@ -223,7 +223,7 @@ void KPISerializer::queueRecord(olvan::KPIData& data, const WindowNote& note, bo
             }
         } else {
             queuedBytes += cost;
-            queue.push_back(Record{std::move(bytes), note, cost});
+            queue.push_back(Record{std::move(bytes), note});
             wake = writerIdle;
             writerIdle = false;
         }

@@ -122,7 +122,6 @@ class KPISerializer {
     struct Record {
         std::shared_ptr<const std::string> bytes;
         WindowNote note;
-        size_t cost;  // counted in queuedBytes
     };
 
     int GetFilesFromCache(std::vector<std::string>& files);
