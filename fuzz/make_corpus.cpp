@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -336,6 +337,21 @@ void cacheAndDumpSeeds() {
         seed("dump_fuzzer", "real_cache_file_" + std::to_string(i), files[i]);
     }
     seed("dump_fuzzer", "version_only", std::string("\x08\x01", 2));
+
+    // Gauge means that JSON cannot carry as numbers, beside a real file.
+    seed("json_fuzzer", "real_cache_file", files.front());
+    olvan::KPIData gauges;
+    gauges.set_version(olvan::V1);
+    const float means[] = {std::numeric_limits<float>::quiet_NaN(),
+                           std::numeric_limits<float>::infinity(),
+                           -std::numeric_limits<float>::infinity(), 1.5f};
+    for (size_t i = 0; i < sizeof means / sizeof means[0]; ++i) {
+        olvan::Gauge* g = gauges.add_gauges();
+        g->mutable_meta()->set_id(7);
+        g->mutable_meta()->set_ts_start(i);
+        g->set_mean(means[i]);
+    }
+    seed("json_fuzzer", "gauge_nan_and_infinite_means", bytesOf(gauges));
 
     olvan::KPIData record;
     record.ParseFromString(files.front());

@@ -12,18 +12,27 @@ Blob::~Blob() = default;
 bool Blob::store(const unsigned char* buf, unsigned int len) {
     if (len > blobCfg.singlesamplesizetresholdbytes()) return false;
     samples.emplace_back(buf, buf + len);
+    storedBytes += len;
     return true;
 }
 
+void Blob::closeIfFull(TimePoint now) {
+    // AddSampleAt may have closed the window already (its own limit came
+    // first), in which case nothing is stored any more.
+    if (storedBytes < kMaxWindowBytes) return;
+    Serialize();
+    ResetAggregates();
+    ResetWindow(now);
+}
+
 int Blob::LogBuf(const unsigned char* buf, unsigned int len) {
-    if (!store(buf, len)) return -1;
-    AddSample();
-    return 0;
+    return LogBufAt(Clock::now(), buf, len);
 }
 
 int Blob::LogBufAt(TimePoint now, const unsigned char* buf, unsigned int len) {
     if (!store(buf, len)) return -1;
     AddSampleAt(now);
+    closeIfFull(now);
     return 0;
 }
 
@@ -35,6 +44,7 @@ void Blob::ResetAggregates() {
     // Swapping with an empty list frees the buffers' memory, which clear()
     // would keep reserved in the list itself.
     std::vector<std::vector<unsigned char>>().swap(samples);
+    storedBytes = 0;
 }
 
 bool Blob::validCfg() {

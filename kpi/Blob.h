@@ -3,7 +3,10 @@
 // Keeps a copy of every binary buffer logged during the window and, when the
 // window closes, emits them joined end to end as one olvan::Blob record.
 // Buffers larger than the configured single-sample threshold are refused.
-// Every accepted buffer stays in memory until its window closes.
+// Every accepted buffer stays in memory until its window closes; a window
+// whose stored bytes reach kMaxWindowBytes closes at that sample, as if its
+// sample count had been reached, so one KPI holds at most
+// kMaxWindowBytes + kMaxSingleSampleThreshold - 1 bytes of samples.
 //
 // Owned by the collector's KPI table; LogBuf runs on the logging thread and
 // takes no lock (one thread at a time per KPI, like every aggregator).
@@ -20,6 +23,8 @@ class Blob : public KPI {
     static constexpr unsigned int kMaxSingleSampleThreshold = 524288;
     static constexpr unsigned int kMinRateThreshold = 0;
     static constexpr unsigned int kMaxRateThreshold = 1000;
+    // Stored bytes at which a window closes whatever its own limit.
+    static constexpr size_t kMaxWindowBytes = 524288;
 
     Blob(const KPICfg& cfg, KPISerializer& serializer);
     ~Blob() override;
@@ -39,7 +44,11 @@ class Blob : public KPI {
 
   private:
     bool store(const unsigned char* buf, unsigned int len);
+    // Closes the window early once it holds kMaxWindowBytes; the next sample
+    // opens a new one at `now`.
+    void closeIfFull(TimePoint now);
 
     const BlobConfig& blobCfg;
     std::vector<std::vector<unsigned char>> samples;
+    size_t storedBytes = 0;
 };

@@ -16,6 +16,7 @@
 
 #include "collector/zem_collector.h"
 #include "common/ZemLog.h"
+#include "serializer/CacheFile.h"
 
 namespace {
 
@@ -23,6 +24,15 @@ namespace {
 // the time the next record comes: a record waits in memory, where a killed
 // process loses it, at most this long.
 constexpr std::chrono::milliseconds kWriterNap{1};
+
+// How many names after the current second's a new file may take when
+// entries that are not cache files hold the names before it.
+constexpr int64_t kMaxNameSkips = 64;
+// Names of such entries remembered, so each is reported once.
+constexpr size_t kMaxReportedEntries = 256;
+
+// At most one line a second about dropped records.
+constexpr std::chrono::seconds kDropReportInterval{1};
 
 // The timestamp key of a cache file name: the number after the prefix, read
 // as strtoull reads it (leading blanks and a sign accepted, stops at the
@@ -84,23 +94,33 @@ int KPISerializer::Initialize(unsigned int size_threshold, unsigned int time_thr
         return -1;
     }
 
-    if (files.empty()) {
-        createFout();
-    } else {
-        const size_t n = prefix.size();
-        std::stable_sort(files.begin(), files.end(),
-                         [n](const std::string& a, const std::string& b) {
-                             return fileKey(a, n) < fileKey(b, n);
-                         });
-        // The newest leftover keeps growing; older ones stay where they are.
+    // The newest leftover cache file keeps growing; older ones stay where
+    // they are. An entry that only looks like one (a link, a pipe, a
+    // directory) is passed over, so the next older file is the newest.
+    const size_t n = prefix.size();
+    std::stable_sort(files.begin(), files.end(), [n](const std::string& a, const std::string& b) {
+        return fileKey(a, n) < fileKey(b, n);
+    });
+    bool reopened = false;
+    while (!files.empty() && !reopened) {
         const std::string path = cacheDir + "/" + files.back();
-        if (!openForAppend(path)) {
-            ZEM_LOGE("Failed to open file: %s", path.c_str());
-            return -1;
+        files.pop_back();
+        switch (openForAppend(path)) {
+            case zem::CacheOpen::kOk: {
+                std::lock_guard<std::mutex> lock(queueMutex);
+                currFileName = path;
+                reopened = true;
+                break;
+            }
+            case zem::CacheOpen::kFailed:
+                ZEM_LOGE("Failed to open file: %s", path.c_str());
+                return -1;
+            case zem::CacheOpen::kNotCacheFile:
+            case zem::CacheOpen::kMissing:  // gone since the folder was read
+                break;
         }
-        std::lock_guard<std::mutex> lock(queueMutex);
-        currFileName = path;
     }
+    if (!reopened) createFout();
 
     {
         std::lock_guard<std::mutex> lock(queueMutex);
@@ -110,32 +130,61 @@ int KPISerializer::Initialize(unsigned int size_threshold, unsigned int time_thr
     return 0;
 }
 
-bool KPISerializer::openForAppend(const std::string& path) {
+zem::CacheOpen KPISerializer::openForAppend(const std::string& path) {
     if (fd >= 0) close(fd);
-    fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    zem::CacheOpen why;
+    fd = zem::openCacheFileForAppend(path, &why);
     if (fd < 0) {
         failed = true;
-        return false;
+        return why;
     }
     struct stat st;
     fileSize = fstat(fd, &st) == 0 ? st.st_size : 0;
     failed = false;
-    return true;
+    writeErrorLogged = false;
+    return why;
 }
 
 void KPISerializer::createFout() {
-    const std::string path = cacheDir + "/kpidata." + std::to_string(currTs());
-    {
-        std::lock_guard<std::mutex> lock(queueMutex);
-        currFileName = path;
-    }
     // Two files created within one second share a name: the second one is
-    // the first reopened for append. A failed open leaves the file failed.
-    openForAppend(path);
-
+    // the first reopened for append. A name taken by something that is not
+    // a cache file is skipped for the next second's, so that planted entries
+    // cannot stop the campaign from writing.
+    const int64_t now = currTs();
+    std::string path;
+    zem::CacheOpen why = zem::CacheOpen::kFailed;
+    for (int64_t ts = now; ts < now + kMaxNameSkips; ++ts) {
+        path = cacheDir + "/kpidata." + std::to_string(ts);
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            currFileName = path;
+        }
+        // An entry already reported is passed over quietly while it stays:
+        // rollovers within one second meet the same names again.
+        if (reportedEntries.count(path) != 0 && zem::isNotCacheFile(path)) {
+            why = zem::CacheOpen::kNotCacheFile;
+            continue;
+        }
+        why = openForAppend(path);
+        if (why != zem::CacheOpen::kNotCacheFile) break;
+        if (reportedEntries.size() >= kMaxReportedEntries) reportedEntries.clear();
+        reportedEntries.insert(path);
+    }
+    // Records written to a file that could not be created are lost: say so
+    // once, for this file.
+    if (why != zem::CacheOpen::kOk) {
+        const int err = errno;
+        failed = true;
+        if (why == zem::CacheOpen::kNotCacheFile) {
+            ZEM_LOGE("Failed to open file: %s: no free cache file name", path.c_str());
+        } else {
+            ZEM_LOGE("Failed to open file: %s: %s", path.c_str(), strerror(err));
+        }
+        writeErrorLogged = true;
+    }
     olvan::KPIData version;
     version.set_version(olvan::V1);
-    Write(version);
+    queueRecord(version, WindowNote{}, /*bounded=*/false);
 }
 
 int KPISerializer::Write(olvan::KPIData& data) {
@@ -143,17 +192,47 @@ int KPISerializer::Write(olvan::KPIData& data) {
 }
 
 int KPISerializer::Write(olvan::KPIData& data, const WindowNote& note) {
+    queueRecord(data, note, /*bounded=*/true);
+    return 0;
+}
+
+size_t KPISerializer::recordCost(const std::string& bytes) {
+    // The record's buffer plus what holds it: the shared string, its control
+    // block and its queue slot.
+    return bytes.capacity() + kRecordOverhead;
+}
+
+void KPISerializer::queueRecord(olvan::KPIData& data, const WindowNote& note, bool bounded) {
     auto bytes = std::make_shared<std::string>();
     data.SerializeToString(bytes.get());
-    bool wake;
+    const size_t cost = recordCost(*bytes);
+    bool wake = false;
+    uint64_t report = 0;
     {
         std::lock_guard<std::mutex> lock(queueMutex);
-        queue.push_back(Record{std::move(bytes), note});
-        wake = writerIdle;
-        writerIdle = false;
+        if (bounded && queuedBytes + cost > kMaxQueuedBytes) {
+            // The writer has fallen that far behind: the newest record goes.
+            droppedSinceFile.fetch_add(1, std::memory_order_relaxed);
+            ++droppedSinceReport;
+            const auto t = std::chrono::steady_clock::now();
+            if (lastDropReport == std::chrono::steady_clock::time_point{} ||
+                t - lastDropReport >= kDropReportInterval) {
+                report = droppedSinceReport;
+                droppedSinceReport = 0;
+                lastDropReport = t;
+            }
+        } else {
+            queuedBytes += cost;
+            queue.push_back(Record{std::move(bytes), note});
+            wake = writerIdle;
+            writerIdle = false;
+        }
+    }
+    if (report != 0) {
+        ZEM_LOGE("Record queue full (%zu bytes): %llu records dropped", kMaxQueuedBytes,
+                 static_cast<unsigned long long>(report));
     }
     if (wake) queueCv.notify_one();
-    return 0;
 }
 
 bool KPISerializer::writeAll(const struct iovec* iov, int count) {
@@ -218,7 +297,14 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
                 break;
             }
         }
-        if (!writeAll(iov, count)) failed = true;
+        if (!writeAll(iov, count)) {
+            failed = true;
+            const int err = errno;
+            if (!writeErrorLogged) {
+                writeErrorLogged = true;
+                ZEM_LOGE("Failed to write file: %s: %s", currFileName.c_str(), strerror(err));
+            }
+        }
         records.erase(records.begin(), records.begin() + count);
         if (rollover && !failed) {
             Flush();
@@ -245,10 +331,13 @@ void KPISerializer::writer_func() {
         // On a stop request every record still queued is written first.
         if (queue.empty()) break;
         batch.swap(queue);
+        // Every record of the batch stays counted until it is written.
+        const size_t batchBytes = queuedBytes;
         lock.unlock();
         writeRecords(batch);
         wrote = true;
         lock.lock();
+        queuedBytes -= batchBytes;
     }
 }
 
@@ -266,6 +355,13 @@ void KPISerializer::stopWriterThread() {
 }
 
 int KPISerializer::Flush() {
+    // The drops of a file's time are told with the file, so that a reader of
+    // the log knows which delivery lacks them.
+    const uint64_t dropped = droppedSinceFile.exchange(0, std::memory_order_relaxed);
+    if (dropped != 0) {
+        ZEM_LOGE("%llu records dropped while %s was open: the record queue was full",
+                 static_cast<unsigned long long>(dropped), currFileName.c_str());
+    }
     if (fd >= 0) {
         if (close(fd) != 0) failed = true;
         fd = -1;

@@ -18,6 +18,12 @@
 // make a system call per record; when the stream stops it sleeps until the
 // next record.
 //
+// Memory: the queue holds at most kMaxQueuedBytes (records and their
+// bookkeeping, counting the batch the writer is writing). A record that
+// would pass it is dropped and counted; one ERROR line a second at most
+// says how many went, and the count per file is logged when the file is
+// closed. The version record of a new file is never dropped.
+//
 // A cache file is the plain concatenation of serialized olvan::KPIData
 // messages and parses as one KPIData holding every window. Each file the
 // serializer creates gets one record holding only version = V1.
@@ -26,16 +32,19 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "metric.pb.h"
+#include "serializer/CacheFile.h"
 
 class zem_collector;
 
@@ -95,6 +104,15 @@ class KPISerializer {
     // names cache files.
     static int64_t currTs();
 
+    // The record queue's bound: 16 MiB. At the largest size threshold a
+    // campaign may set (4 MiB) the queue still takes four full files' worth
+    // of records while the writer delivers one, and the largest record (a
+    // blob window, about 1 MiB) fits many times over.
+    static constexpr size_t kMaxQueuedBytes = 16u << 20;
+    // What a queued record costs beyond its bytes: the shared string, its
+    // control block and its queue slot.
+    static constexpr size_t kRecordOverhead = 128;
+
     // Thresholds currently in force (0 between campaigns).
     unsigned int sizeThresholdForTest() const { return sizeThreshold; }
     unsigned int timeThresholdForTest() const { return timeThreshold; }
@@ -113,7 +131,9 @@ class KPISerializer {
     // creating the next one at the first record that takes it past the size
     // threshold. Runs on the writer thread only.
     void writeRecords(std::deque<Record>& records);
-    bool openForAppend(const std::string& path);
+    zem::CacheOpen openForAppend(const std::string& path);
+    void queueRecord(olvan::KPIData& data, const WindowNote& note, bool bounded);
+    static size_t recordCost(const std::string& bytes);
     static void printNote(const WindowNote& note);
     bool writeAll(const struct iovec* iov, int count);
 
@@ -131,6 +151,11 @@ class KPISerializer {
     int fd = -1;
     int64_t fileSize = 0;
     bool failed = false;
+    bool writeErrorLogged = false;  // one line per file about a failed open or write
+    // Entries under new files' names found not to be cache files (writer
+    // side only), so that each gets one ERROR line rather than one per
+    // rollover.
+    std::set<std::string> reportedEntries;
     std::string currFileName;
 
     std::deque<Record> queue;
@@ -142,4 +167,11 @@ class KPISerializer {
     // kWriterNap instead, collecting what arrives meanwhile in one batch.
     bool writerIdle = false;
     std::unique_ptr<std::thread> writerThread;
+
+    // The bound on the queue (guarded by queueMutex, like the queue).
+    size_t queuedBytes = 0;
+    uint64_t droppedSinceReport = 0;
+    std::chrono::steady_clock::time_point lastDropReport{};
+    // Drops since the current file opened; logged when it closes.
+    std::atomic<uint64_t> droppedSinceFile{0};
 };

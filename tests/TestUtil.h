@@ -18,8 +18,20 @@
 #include <vector>
 
 #include "metric.pb.h"
+#include "zem_sdk.h"
 
 namespace zem_test {
+
+// A configuration record naming `dir` as the cache folder, for collectors
+// built directly by a test. The name stays valid until the next call.
+inline zem_cfg_s cacheDirCfg(const std::string& dir) {
+    static std::string keep;
+    keep = dir;
+    zem_cfg_s cfg{};
+    cfg.name = "test";
+    cfg.cache_dir = keep.c_str();
+    return cfg;
+}
 
 // A fresh directory under $TMPDIR, removed with its content on destruction.
 class TempDir {

@@ -22,8 +22,9 @@ import sys
 # build.
 HOST_ONLY_PREFIXES = ("tests/e2e_", "tests/binder_", "tests/tools_", "tests/docs_")
 
-# Fuzzers of the host binder runtime's wire and of the host tools' decoder.
-HOST_ONLY_FUZZERS = {"binder_wire_fuzzer", "dump_fuzzer"}
+# Fuzzers of the host binder runtime's wire and of the host tools' decoder
+# and JSON output.
+HOST_ONLY_FUZZERS = {"binder_wire_fuzzer", "dump_fuzzer", "json_fuzzer"}
 
 root, core_file, sdk_file, tests_file = sys.argv[1:5]
 

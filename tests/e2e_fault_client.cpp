@@ -6,8 +6,10 @@
 //
 //   e2e_fault_client --transport grpc|binder [--socket PATH] --cache DIR
 //                    [--threads 1|2] [--rate N] [--ledger FILE] [--retry-ms N]
+//                    [--blob-bytes N]
 //
 // --rate N   samples per second per thread (0: as fast as possible)
+// --blob-bytes N  log blobs of N bytes (zem_log_blob) instead of numbers
 // --ledger   a file whose first 16 bytes hold, per thread, the number of
 //            samples logged so far; written through a shared mapping, so
 //            it stays right when the process is killed. A new run on the
@@ -64,8 +66,11 @@ int32_t onStop() {
     return 0;
 }
 
+size_t gBlobBytes = 0;  // nonzero: blob samples of this size
+
 void logLoop(zem_handle h, int t, long rate) {
     const uint32_t id = static_cast<uint32_t>(t + 1);
+    const std::vector<uint8_t> blob(gBlobBytes, static_cast<uint8_t>('a' + t));
     const auto gap =
             rate > 0 ? std::chrono::microseconds(1000000 / rate) : std::chrono::microseconds(0);
     while (!gQuit.load(std::memory_order_relaxed)) {
@@ -76,7 +81,11 @@ void logLoop(zem_handle h, int t, long rate) {
         // A batch between looks at the flags at full speed.
         for (int i = 0; i < (rate > 0 ? 1 : 256); ++i) {
             const uint64_t k = gLogged[t].load(std::memory_order_relaxed);
-            if (zem_log(h, id, static_cast<uint32_t>(k)) == 0) {
+            const int32_t rc =
+                    gBlobBytes > 0
+                            ? zem_log_blob(h, id, blob.data(), static_cast<uint32_t>(blob.size()))
+                            : zem_log(h, id, static_cast<uint32_t>(k));
+            if (rc == 0) {
                 gLogged[t].store(k + 1, std::memory_order_relaxed);
             }
         }
@@ -106,6 +115,8 @@ int main(int argc, char** argv) {
             ledger = v;
         } else if (opt == "--retry-ms") {
             retryMs = atol(v);
+        } else if (opt == "--blob-bytes") {
+            gBlobBytes = static_cast<size_t>(atol(v));
         } else {
             fprintf(stderr, "e2e_fault_client: unknown option %s\n", opt.c_str());
             return 2;

@@ -240,6 +240,50 @@ TEST_F(E2ETest, CampaignRoundTripFromRegistrationToDeregistration) {
             [&] { return !events(daemon->out(), "stream", "state", "closed").empty(); }));
 }
 
+// Entries named like cache files that are not: a pipe (which would block an
+// open), a link to a file outside the folder, a directory. The start is
+// answered, the daemon receives the campaign's windows and nothing else, and
+// nothing outside the folder changes.
+TEST_F(E2ETest, HostileCacheEntriesNeitherBlockTheStartNorReachTheDaemon) {
+    const std::string outside = dir.file("outside");
+    zem_test::writeFile(outside, "secret text\n");
+    const std::string pipe = cache + "/kpidata.99999999999";
+    const std::string link = cache + "/kpidata.99999999998";
+    const std::string folder = cache + "/kpidata.99999999997";
+    ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+    ASSERT_EQ(0, symlink(outside.c_str(), link.c_str()));
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0700));
+
+    auto daemon = startDaemon("zemd");
+    auto client = startClient();
+    ASSERT_TRUE(eventually([&] { return !events(daemon->out(), "response").empty(); }))
+            << client->err();
+    EXPECT_EQ(jsonField(events(daemon->out(), "response")[0], "status"), "0");
+    logSamples(*client, 25);
+    daemon->send("stop");
+    ASSERT_TRUE(eventually([&] { return !events(daemon->out(), "data").empty(); }))
+            << client->err();
+    client->send("quit");
+    EXPECT_EQ(client->waitExit(), 0);
+
+    const auto data = events(daemon->out(), "data");
+    ASSERT_EQ(data.size(), 1u);
+    const std::string stored = zem_test::readFile(jsonField(data[0], "file"));
+    EXPECT_EQ(stored.find("secret"), std::string::npos);
+    olvan::KPIData received;
+    ASSERT_TRUE(received.ParseFromString(stored));
+    expectSameWindows(expectedWindows(0, 25), received);
+    EXPECT_EQ(zem_test::readFile(outside), "secret text\n");
+    struct stat st;
+    EXPECT_TRUE(lstat(pipe.c_str(), &st) == 0 && S_ISFIFO(st.st_mode));
+    EXPECT_TRUE(lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode));
+    EXPECT_TRUE(lstat(folder.c_str(), &st) == 0 && S_ISDIR(st.st_mode));
+    for (const std::string& entry : {pipe, link, folder}) {
+        EXPECT_EQ(count(client->err(), "Not a cache file, left alone: " + entry), 1)
+                << client->err();
+    }
+}
+
 TEST_F(E2ETest, KilledDaemonLosesNoWindowOnceANewOneStarts) {
     auto first = startDaemon("zemd1");
     auto client = startClient({"--retry-ms", "1000"});

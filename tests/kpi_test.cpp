@@ -344,6 +344,60 @@ TEST_F(kpi, BlobKeepsBuffersUpToTheThresholdAndJoinsThem) {
     EXPECT_EQ("bcac", data.blobs(1).data());
 }
 
+// A window closes at the sample that brings its stored bytes to 512 KiB,
+// whatever its own limit; the next sample opens a new window.
+TEST_F(kpi, BlobWindowClosesAtHalfAMebibyteOfStoredBytes) {
+    struct Case {
+        const char* cfg;
+        std::vector<unsigned int> sizes;      // logged in order at kT0 + i ms
+        std::vector<uint64_t> windowSamples;  // per emitted record (the last one stays open)
+    };
+    const char* const huge =
+            "type: KPI_BLOB nof_samples: 4294967295 b_cfg { singleSampleSizeTresholdBytes: 524288 "
+            "}";
+    const char* const timed =
+            "type: KPI_BLOB duration_msecs: 60000 b_cfg { singleSampleSizeTresholdBytes: 524288 }";
+    const Case cases[] = {
+            {huge, {524287, 1, 5}, {2}},             // exactly the bound closes
+            {huge, {524287, 524288, 1}, {2}},        // the largest record: 1 MiB - 1
+            {huge, {524288, 524288, 3}, {1, 1}},     // one full sample is a window
+            {huge, {262144, 262143}, {}},            // one byte short stays open
+            {timed, {300000, 300000, 300000}, {2}},  // duration windows too
+            {"type: KPI_BLOB nof_samples: 2 b_cfg { singleSampleSizeTresholdBytes: 524288 }",
+             {10, 524288, 524288},
+             {2, 1}},  // the count closes first; the byte bound then closes its own
+    };
+    for (const Case& c : cases) {
+        zem_test::TempDir caseDir;
+        KPISerializer ser(caseDir.path(), nullptr);
+        ASSERT_EQ(0, ser.Initialize(4194304, 1));
+        auto kpi = KPI::Create(cfgOf(c.cfg), ser);
+        ASSERT_NE(kpi, nullptr);
+        auto* blob = static_cast<Blob*>(kpi.get());
+        std::vector<unsigned char> buf;
+        uint64_t logged = 0;
+        for (size_t i = 0; i < c.sizes.size(); ++i) {
+            buf.assign(c.sizes[i], static_cast<unsigned char>('a' + i));
+            ASSERT_EQ(0, blob->LogBufAt(kT0 + milliseconds(i), buf.data(), c.sizes[i]));
+            logged += c.sizes[i];
+        }
+        ser.Finalize();
+        olvan::KPIData data;
+        for (const std::string& name : caseDir.list())
+            data.MergeFrom(zem_test::parseCacheFile(caseDir.file(name)));
+        ASSERT_EQ(c.windowSamples.size(), static_cast<size_t>(data.blobs_size())) << c.cfg;
+        uint64_t emitted = 0;
+        for (int i = 0; i < data.blobs_size(); ++i) {
+            EXPECT_EQ(c.windowSamples[i], data.blobs(i).meta().nof_samples()) << c.cfg;
+            EXPECT_LT(data.blobs(i).data().size(), 2 * Blob::kMaxWindowBytes);
+            emitted += data.blobs(i).data().size();
+        }
+        // What is not emitted is still held by the open window, and less
+        // than the bound.
+        EXPECT_LT(logged - emitted, Blob::kMaxWindowBytes) << c.cfg;
+    }
+}
+
 // Starts from nearly full counts, which would otherwise take 2^32 samples.
 class NearlyFullCounter : public Counter {
   public:

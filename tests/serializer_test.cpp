@@ -26,7 +26,8 @@ namespace {
 // successful transport does (reads it whole, then removes it).
 class RecordingCollector : public zem_collector {
   public:
-    explicit RecordingCollector(const std::string& dir) : zem_collector(cfgFor(dir)) {}
+    explicit RecordingCollector(const std::string& dir)
+        : zem_collector(zem_test::cacheDirCfg(dir)) {}
 
     int SendData(const std::string& filename) override {
         std::string bytes = readFile(filename);
@@ -46,14 +47,6 @@ class RecordingCollector : public zem_collector {
     }
 
   private:
-    static zem_cfg_s cfgFor(const std::string& dir) {
-        static std::string keep;
-        keep = dir;
-        zem_cfg_s cfg{};
-        cfg.name = "test";
-        cfg.cache_dir = keep.c_str();
-        return cfg;
-    }
     std::mutex mutex;
     std::vector<Delivered> files;
 };
@@ -256,31 +249,15 @@ TEST(Serializer, ConcurrentProducersLoseAndCorruptNothing) {
 
 TEST(Serializer, InitializeFailuresSayWhyAndStartNothing) {
     TempDir dir;
-    {
-        RecordingCollector collector(dir.path());
-        KPISerializer ser(dir.file("missing"), &collector);
-        LogCapture cap;
-        EXPECT_EQ(-1, ser.Initialize(4096, 1));
-        const std::string& log = cap.text();
-        EXPECT_EQ(1,
-                  countLogLines(log, 'E', "Error opening cache directory: " + dir.file("missing")))
-                << log;
-        EXPECT_EQ(1, countLogLines(log, 'E', "Failed to get files from cache dir: -1")) << log;
-        EXPECT_FALSE(ser.writerRunning());
-    }
-    {
-        // The newest leftover cannot be opened for writing: it is a directory.
-        writeFile(dir.file("kpidata.1"), "old");
-        ASSERT_EQ(0, mkdir(dir.file("kpidata.2").c_str(), 0700));
-        KPISerializer ser(dir.path(), nullptr);
-        LogCapture cap;
-        EXPECT_EQ(-1, ser.Initialize(4096, 1));
-        EXPECT_EQ(1,
-                  countLogLines(cap.text(), 'E', "Failed to open file: " + dir.file("kpidata.2")))
-                << cap.text();
-        EXPECT_FALSE(ser.writerRunning());
-    }
-    EXPECT_EQ("old", readFile(dir.file("kpidata.1")));
+    RecordingCollector collector(dir.path());
+    KPISerializer ser(dir.file("missing"), &collector);
+    LogCapture cap;
+    EXPECT_EQ(-1, ser.Initialize(4096, 1));
+    const std::string& log = cap.text();
+    EXPECT_EQ(1, countLogLines(log, 'E', "Error opening cache directory: " + dir.file("missing")))
+            << log;
+    EXPECT_EQ(1, countLogLines(log, 'E', "Failed to get files from cache dir: -1")) << log;
+    EXPECT_FALSE(ser.writerRunning());
 }
 
 TEST(Serializer, FinalizeWithoutAFileStillHandsOverTheLastName) {

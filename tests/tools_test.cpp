@@ -7,6 +7,8 @@
 
 #include "TestUtil.h"
 #include "e2e_util.h"
+#include "tools/JsonCheck.h"
+#include "tools/KPIDataFormat.h"
 #include "tools/KPISummary.h"
 
 namespace {
@@ -434,6 +436,104 @@ TEST_F(ToolsTest, ZemdumpSummaryCoversAllFilesAndStillReportsABadOne) {
     // Usage errors.
     EXPECT_EQ(run({ZEMDUMP_BIN}).status, 2);
     EXPECT_EQ(run({ZEMDUMP_BIN, "--sumary", dir.file("a")}).status, 2);
+}
+
+// zemd and zemdump decode window by window; what they print must be what a
+// merged parse of the whole file gives, for odd but valid encodings too, and
+// they must refuse what it refuses.
+TEST(CacheFileIndex, DecodesExactlyWhatAMergedParseDecodes) {
+    olvan::KPIData real;
+    real.set_version(olvan::V1);
+    for (uint32_t id : {3u, 1u, 2u}) {
+        auto* c = real.add_counters();
+        c->mutable_meta()->set_id(id);
+        c->mutable_meta()->set_ts_start(5);
+        c->set_value(id * 10);
+        auto* g = real.add_gauges();
+        g->mutable_meta()->set_id(id);
+        g->mutable_meta()->set_ts_start(5 - id);
+        g->set_max(id);
+    }
+    real.add_histograms()->add_bin_counts(4);
+    real.add_blobs()->set_data("zz");
+    const std::string file = real.SerializeAsString();
+    const std::string v1("\x08\x01", 2), v0("\x08\x00", 2);
+    struct Case {
+        const char* what;
+        std::string bytes;
+        bool valid;
+    };
+    const Case cases[] = {
+            {"a real file", file, true},
+            {"the last version wins", v1 + file + v0, true},
+            {"unknown fields are skipped", std::string("\x48\x07\x3a\x01x", 5) + file, true},
+            {"a window field of another wire type is unknown", std::string("\x10\x05", 2) + file,
+             true},
+            {"a window's meta given twice merges",
+             std::string("\x12\x08\x0a\x02\x08\x09\x0a\x02\x10\x01", 10), true},
+            {"an empty file", "", true},
+            {"a length past the end", file + std::string("\x12\x05\x0a", 3), false},
+            {"a zero tag inside", v1 + std::string("\x00", 1) + v1, false},
+            {"an end-group at the top", std::string("\x0c", 1), false},
+            {"a broken window", std::string("\x12\x02\x0a\x05", 4), false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        olvan::KPIData merged;
+        ASSERT_EQ(c.valid, zemtools::decodeCacheBytes(c.bytes, &merged));
+        zemtools::CacheFileIndex index;
+        ASSERT_EQ(c.valid, index.decode(c.bytes));
+        if (!c.valid) continue;
+        EXPECT_EQ(zemtools::windowCount(merged), index.windowCount());
+        EXPECT_EQ(static_cast<int>(merged.version()), index.version());
+        for (const bool json : {false, true}) {
+            std::vector<std::string> got;
+            index.forEachLine(json, "\"f\":1,", [&got](const std::string& l) { got.push_back(l); });
+            EXPECT_EQ(zemtools::formatWindows(merged, json, "\"f\":1,"), got);
+        }
+    }
+}
+
+TEST_F(ToolsTest, ZemdumpJsonStaysValidForNonFiniteMeansAndOddFileNames) {
+    olvan::KPIData data;
+    data.set_version(olvan::V1);
+    const float means[] = {std::numeric_limits<float>::quiet_NaN(),
+                           std::numeric_limits<float>::infinity(),
+                           -std::numeric_limits<float>::infinity(), 1.5f};
+    for (size_t i = 0; i < 4; ++i) {
+        auto* g = data.add_gauges();
+        g->mutable_meta()->set_id(7);
+        g->mutable_meta()->set_ts_start(i);
+        g->set_mean(means[i]);
+    }
+    // A file name that is not UTF-8, with a quote and a control character.
+    const std::string name = dir.file("odd\xff\xc3\"\x01");
+    zem_test::writeFile(name, data.SerializeAsString());
+
+    ToolRun r = run({ZEMDUMP_BIN, "--json", name});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const auto objs = lines(r.out);
+    ASSERT_EQ(objs.size(), 4u) << r.out;
+    for (const std::string& o : objs) EXPECT_TRUE(zemtools::isValidJson(o)) << o;
+    EXPECT_EQ(jsonField(objs[0], "mean"), "null");
+    EXPECT_EQ(jsonField(objs[1], "mean"), "null");
+    EXPECT_EQ(jsonField(objs[2], "mean"), "null");
+    EXPECT_EQ(jsonField(objs[3], "mean"), "1.5");
+
+    r = run({ZEMDUMP_BIN, "--summary", "--json", name});
+    ASSERT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(lines(r.out).size(), 1u) << r.out;
+    EXPECT_TRUE(zemtools::isValidJson(lines(r.out)[0])) << r.out;
+    EXPECT_EQ(jsonField(lines(r.out)[0], "series"), "[null,null,null,1.5]");
+
+    // The checker itself: what it must refuse.
+    for (const char* bad : {"{\"a\":nan}", "[inf]", "[01]", "[1.]", "{\"a\":1,}", "\"\x01\"",
+                            "\"\xff\"", "\"\xed\xa0\x80\"", "[1] [2]", "{\"a\" 1}"}) {
+        EXPECT_FALSE(zemtools::isValidJson(bad)) << bad;
+    }
+    for (const char* good : {"{\"a\":[1,-0.5e+3,null,true,\"\\u00ff\xc3\xbf\"]}", " 0 "}) {
+        EXPECT_TRUE(zemtools::isValidJson(good)) << good;
+    }
 }
 
 }  // namespace

@@ -1,9 +1,16 @@
 #include "tools/KPIDataFormat.h"
 
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/wire_format_lite.h>
+
 #include <algorithm>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
+#include <limits>
 #include <tuple>
+
+#include "tools/JsonCheck.h"
 
 namespace zemtools {
 
@@ -142,10 +149,138 @@ std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
     return lines;
 }
 
+namespace {
+
+using google::protobuf::internal::WireFormatLite;
+using google::protobuf::io::CodedInputStream;
+
+// The window fields of KPIData (counters, gauges, histograms, blobs) are
+// numbers 2 to 5, in formatWindows' order of kinds.
+constexpr int kCounters = 2, kBlobs = 5;
+
+// The top-level field that starts at `pos`: its tag and where it ends. False
+// when the bytes there do not have a field's shape. The shape is read
+// leniently; whether the field is valid is for the protobuf parser to say.
+bool fieldAt(const std::string& bytes, size_t pos, uint32_t* tag, size_t* end) {
+    CodedInputStream in(reinterpret_cast<const uint8_t*>(bytes.data()) + pos,
+                        static_cast<int>(bytes.size() - pos));
+    *tag = in.ReadTag();
+    if (*tag == 0 || !WireFormatLite::SkipField(&in, *tag)) return false;
+    *end = pos + static_cast<size_t>(in.CurrentPosition());
+    return true;
+}
+
+bool isWindowField(uint32_t tag) {
+    const int field = static_cast<int>(WireFormatLite::GetTagFieldNumber(tag));
+    return field >= kCounters && field <= kBlobs &&
+           WireFormatLite::GetTagWireType(tag) == WireFormatLite::WIRETYPE_LENGTH_DELIMITED;
+}
+
+}  // namespace
+
+// A merged parse reads the file field by field, carrying nothing from one
+// top-level field to the next, so the file parses exactly when each of its
+// top-level fields parses on its own as a KPIData. Each field is handed to
+// the protobuf parser alone: validity is the parser's own, edge cases
+// included, and only one window is ever decoded at a time.
+bool CacheFileIndex::decode(const std::string& bytes) {
+    file = &bytes;
+    std::vector<Entry>().swap(entries);
+    lastVersion = 0;
+    // Offsets are 32-bit and the parser's sizes are ints.
+    if (bytes.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return false;
+    // A first walk counts the windows, so that the index is allocated once
+    // at its final size instead of growing by copies.
+    size_t windows = 0;
+    uint32_t tag;
+    for (size_t pos = 0, end; pos < bytes.size(); pos = end) {
+        if (!fieldAt(bytes, pos, &tag, &end)) return false;
+        windows += isWindowField(tag);
+    }
+    entries.reserve(windows);
+
+    olvan::KPIData one;
+    for (size_t pos = 0, end = 0; pos < bytes.size(); pos = end) {
+        fieldAt(bytes, pos, &tag, &end);
+        if (!one.ParseFromArray(bytes.data() + pos, static_cast<int>(end - pos))) return false;
+        const olvan::MetaData* meta = nullptr;
+        if (one.counters_size() == 1) meta = &one.counters(0).meta();
+        if (one.gauges_size() == 1) meta = &one.gauges(0).meta();
+        if (one.histograms_size() == 1) meta = &one.histograms(0).meta();
+        if (one.blobs_size() == 1) meta = &one.blobs(0).meta();
+        if (meta != nullptr) {
+            entries.push_back(Entry{meta->ts_start(), meta->id(), static_cast<uint32_t>(pos)});
+        } else if (WireFormatLite::GetTagFieldNumber(tag) == 1 &&
+                   WireFormatLite::GetTagWireType(tag) == WireFormatLite::WIRETYPE_VARINT) {
+            lastVersion = static_cast<int>(one.version());
+        }
+    }
+    return true;
+}
+
+int CacheFileIndex::kindAt(uint32_t pos) const {
+    uint32_t tag = 0;
+    size_t end;
+    fieldAt(*file, pos, &tag, &end);
+    return static_cast<int>(WireFormatLite::GetTagFieldNumber(tag));
+}
+
+void CacheFileIndex::windowAt(uint32_t pos, olvan::KPIData* out) const {
+    uint32_t tag;
+    size_t end = pos;
+    fieldAt(*file, pos, &tag, &end);
+    out->ParseFromArray(file->data() + pos, static_cast<int>(end - pos));
+}
+
+void CacheFileIndex::forEachLine(bool json, const std::string& jsonPrefix, const LineSink& line) {
+    // formatWindows groups windows by kind, then sorts stably by start and
+    // id: among equal keys, kind order first and file order within a kind.
+    std::sort(entries.begin(), entries.end(), [this](const Entry& a, const Entry& b) {
+        if (a.tsStart != b.tsStart) return a.tsStart < b.tsStart;
+        if (a.id != b.id) return a.id < b.id;
+        const int ka = kindAt(a.pos), kb = kindAt(b.pos);
+        if (ka != kb) return ka < kb;
+        return a.pos < b.pos;
+    });
+    olvan::KPIData one;
+    for (const Entry& e : entries) {
+        one.Clear();
+        windowAt(e.pos, &one);
+        for (const std::string& l : formatWindows(one, json, jsonPrefix)) line(l);
+    }
+}
+
+void CacheFileIndex::forEachWindow(const std::function<void(const olvan::KPIData&)>& window) {
+    std::sort(entries.begin(), entries.end(),
+              [](const Entry& a, const Entry& b) { return a.pos < b.pos; });
+    olvan::KPIData one;
+    for (const Entry& e : entries) {
+        one.Clear();
+        windowAt(e.pos, &one);
+        window(one);
+    }
+}
+
 std::string jsonString(const std::string& text) {
+    // Bytes that are not UTF-8 (a client name or a file name can hold any)
+    // are written as the code points of the same value, so the result is
+    // always valid JSON text.
     std::string out = "\"";
-    for (const char ch : text) {
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char ch = text[i];
         const unsigned char c = static_cast<unsigned char>(ch);
+        if (c >= 0x80) {
+            const size_t n = utf8SequenceLength(text, i);
+            if (n == 0) {
+                char buf[8];
+                snprintf(buf, sizeof buf, "\\u%04x", c);
+                out += buf;
+            } else {
+                out.append(text, i, n);
+                i += n - 1;
+            }
+            continue;
+        }
         switch (c) {
             case '"':
                 out += "\\\"";
@@ -199,9 +334,13 @@ JsonObject& JsonObject::add(const std::string& k, uint64_t value) {
     return *this;
 }
 
+std::string jsonNumber(double value) {
+    return std::isfinite(value) ? number(value) : "null";
+}
+
 JsonObject& JsonObject::add(const std::string& k, double value) {
     key(k);
-    body += number(value);
+    body += jsonNumber(value);
     return *this;
 }
 

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,49 @@ size_t windowCount(const olvan::KPIData& data);
 std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
                                        const std::string& jsonPrefix);
 
+// Receives printed lines one at a time.
+using LineSink = std::function<void(const std::string&)>;
+
+// A cache file decoded window by window, so that memory stays proportional
+// to the file whatever its windows look like: the index holds 16 bytes per
+// window (a window takes at least 2 bytes of the file), and each window is
+// parsed again only while its line is printed. The decoded windows and lines
+// are exactly those of decodeCacheBytes and formatWindows.
+//
+//   CacheFileIndex index;
+//   if (index.decode(bytes)) index.forEachLine(false, "", [](const std::string& l) {
+//   puts(l.c_str()); });
+class CacheFileIndex {
+  public:
+    // False when `bytes` are not one KPIData (or exceed 4 GiB). `bytes` must
+    // stay alive and unchanged while the index is used.
+    bool decode(const std::string& bytes);
+    size_t windowCount() const { return entries.size(); }
+    // The version field as a merged parse sees it (the last one wins).
+    int version() const { return lastVersion; }
+    // formatWindows' lines, in its order (window start, then id).
+    void forEachLine(bool json, const std::string& jsonPrefix, const LineSink& line);
+    // Each window as a KPIData of its own, in file order.
+    void forEachWindow(const std::function<void(const olvan::KPIData&)>& window);
+
+  private:
+    struct Entry {
+        uint64_t tsStart;
+        uint32_t id;
+        uint32_t pos;  // offset of the window's field in the file
+    };
+    // Parses the window whose field starts at `pos` into `out`.
+    void windowAt(uint32_t pos, olvan::KPIData* out) const;
+    int kindAt(uint32_t pos) const;
+
+    const std::string* file = nullptr;
+    std::vector<Entry> entries;
+    int lastVersion = 0;
+};
+
+// A JSON number, or null for NaN and the infinities, which JSON cannot carry.
+std::string jsonNumber(double value);
+
 // `text` as a JSON string literal, quotes included.
 std::string jsonString(const std::string& text);
 
@@ -43,6 +87,7 @@ class JsonObject {
     JsonObject& add(const std::string& key, uint64_t value);
     JsonObject& add(const std::string& key, int value) { return add(key, int64_t{value}); }
     JsonObject& add(const std::string& key, unsigned value) { return add(key, uint64_t{value}); }
+    // NaN and the infinities are written as null.
     JsonObject& add(const std::string& key, double value);
     JsonObject& add(const std::string& key, bool value);
     // `json` is inserted as it stands (an array, say).

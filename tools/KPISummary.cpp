@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
+#include <limits>
 
 #include "tools/KPIDataFormat.h"
 
@@ -117,11 +119,20 @@ std::string sparkline(const std::vector<double>& values, size_t width) {
             points.push_back(sum / static_cast<double>(to - from));
         }
     }
-    const double top = *std::max_element(points.begin(), points.end());
+    // Scaled to the largest finite value; NaN draws as the lowest level and
+    // infinity as the highest.
+    double top = 0;
+    for (const double v : points) {
+        if (std::isfinite(v)) top = std::max(top, v);
+    }
     std::string out;
     for (const double v : points) {
         int level = 0;
-        if (top > 0 && v > 0) level = static_cast<int>(v / top * 7.0 + 0.5);
+        if (v == std::numeric_limits<double>::infinity()) {
+            level = 7;
+        } else if (std::isfinite(v) && top > 0 && v > 0) {
+            level = static_cast<int>(v / top * 7.0 + 0.5);
+        }
         out += kLevels[std::min(7, std::max(0, level))];
     }
     return out;
@@ -162,7 +173,7 @@ std::vector<std::string> formatSummary(const std::vector<KPISummaryRow>& rows, b
             if (r.kind != "blob") {
                 std::string arr = "[";
                 for (size_t i = 0; i < r.series.size(); ++i) {
-                    arr += (i ? "," : "") + number(r.series[i].second);
+                    arr += (i ? "," : "") + jsonNumber(r.series[i].second);
                 }
                 o.addRaw("series", arr + "]");
             }

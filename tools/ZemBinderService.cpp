@@ -239,9 +239,9 @@ Status ZemBinderService::sendData(const std::vector<uint8_t>& data, const std::s
             return Status::fromServiceSpecificError(2, ("cannot store the file: " + error).c_str());
         }
     }
-    olvan::KPIData decoded;
-    const bool parsed = zemtools::decodeCacheBytes(bytes, &decoded);
-    const size_t windows = parsed ? zemtools::windowCount(decoded) : 0;
+    zemtools::CacheFileIndex decoded;
+    const bool parsed = decoded.decode(bytes);
+    const size_t windows = parsed ? decoded.windowCount() : 0;
     JsonObject f;
     f.add("clientid", token)
             .add("token", token)
@@ -252,17 +252,16 @@ Status ZemBinderService::sendData(const std::vector<uint8_t>& data, const std::s
             .add("version", parsed ? olvan::KPIDataVersion_Name(decoded.version()) : "")
             .add("windows", uint64_t{windows})
             .add("file", stored);
-    std::vector<std::string> lines;
-    if (parsed) {
-        JsonObject prefix;
-        prefix.add("event", "window").add("clientid", token).add("file", stored);
-        lines = zemtools::formatWindows(decoded, daemon.options.json, prefix.fields() + ",");
-    }
+    JsonObject prefix;
+    prefix.add("event", "window").add("clientid", token).add("file", stored);
     daemon.emit("data", f,
                 "<- " + name + " " + std::to_string(bytes.size()) + " bytes (binder), " +
                         (parsed ? std::to_string(windows) + " windows" : "NOT a KPIData") +
                         (stored.empty() ? "" : ", stored " + stored),
-                lines);
+                [&](const zemtools::LineSink& line) {
+                    if (parsed)
+                        decoded.forEachLine(daemon.options.json, prefix.fields() + ",", line);
+                });
     *result = true;
     return Status::ok();
 }

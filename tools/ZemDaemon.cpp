@@ -92,6 +92,13 @@ double ZemDaemon::elapsed() const {
 
 void ZemDaemon::emit(const char* event, const JsonObject& fields, const std::string& text,
                      const std::vector<std::string>& extraLines) {
+    emit(event, fields, text, [&extraLines](const zemtools::LineSink& line) {
+        for (const std::string& l : extraLines) line(l);
+    });
+}
+
+void ZemDaemon::emit(const char* event, const JsonObject& fields, const std::string& text,
+                     const std::function<void(const zemtools::LineSink&)>& lines) {
     std::string out;
     if (options.json) {
         JsonObject head;
@@ -102,9 +109,14 @@ void ZemDaemon::emit(const char* event, const JsonObject& fields, const std::str
         snprintf(stamp, sizeof stamp, "[%8.3f] %-10s ", elapsed(), event);
         out = stamp + text + "\n";
     }
-    for (const std::string& line : extraLines) out += (options.json ? "" : "    ") + line + "\n";
     std::lock_guard<std::mutex> lock(outMutex);
     fwrite(out.data(), 1, out.size(), stdout);
+    const char* indent = options.json ? "" : "    ";
+    lines([indent](const std::string& l) {
+        fputs(indent, stdout);
+        fwrite(l.data(), 1, l.size(), stdout);
+        fputc('\n', stdout);
+    });
     fflush(stdout);
 }
 
@@ -219,9 +231,9 @@ grpc::Status ZemDaemon::SendData(grpc::ServerContext* context, const olvan::Data
         }
     }
 
-    olvan::KPIData data;
-    const bool parsed = zemtools::decodeCacheBytes(request->data(), &data);
-    const size_t windows = parsed ? zemtools::windowCount(data) : 0;
+    zemtools::CacheFileIndex data;
+    const bool parsed = data.decode(request->data());
+    const size_t windows = parsed ? data.windowCount() : 0;
     JsonObject f;
     f.add("clientid", clientid)
             .add("token", metadata(context, "token"))
@@ -232,17 +244,15 @@ grpc::Status ZemDaemon::SendData(grpc::ServerContext* context, const olvan::Data
             .add("windows", uint64_t{windows})
             .add("filename", request->filename())
             .add("file", stored);
-    std::vector<std::string> lines;
-    if (parsed) {
-        JsonObject prefix;
-        prefix.add("event", "window").add("clientid", clientid).add("file", stored);
-        lines = zemtools::formatWindows(data, options.json, prefix.fields() + ",");
-    }
+    JsonObject prefix;
+    prefix.add("event", "window").add("clientid", clientid).add("file", stored);
     emit("data", f,
          "<- " + name + " " + std::to_string(request->data().size()) + " bytes, " +
                  (parsed ? std::to_string(windows) + " windows" : "NOT a KPIData") +
                  (stored.empty() ? "" : ", stored " + stored),
-         lines);
+         [&](const zemtools::LineSink& line) {
+             if (parsed) data.forEachLine(options.json, prefix.fields() + ",", line);
+         });
     response->set_status(0);
     return grpc::Status::OK;
 }

@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -92,6 +93,10 @@ class ZemDaemon final : public olvan::SPC::Service {
     // "event") in JSON mode, followed by `extraLines` as they stand.
     void emit(const char* event, const zemtools::JsonObject& fields, const std::string& text,
               const std::vector<std::string>& extraLines = {});
+    // The same, with the extra lines handed over one at a time by `lines`,
+    // so that a file of many windows is printed without holding its lines.
+    void emit(const char* event, const zemtools::JsonObject& fields, const std::string& text,
+              const std::function<void(const zemtools::LineSink&)>& lines);
 
   private:
     // zemd's binder service shares the client table, storage and printing.

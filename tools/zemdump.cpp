@@ -3,15 +3,14 @@
 //   zemdump [--json] [--summary] FILE...
 //
 // Each file is decoded as one KPIData (the concatenation of its records) and
-// every window is printed as one line; --summary folds the windows of all
+// every window is printed as one line, one window in memory at a time (the
+// file's bytes plus 16 bytes per window); --summary folds the windows of all
 // files into one row per KPI with charts. Exit status: 0 when every file
 // decoded, 1 when one could not be read or is not a cache file, 2 on a usage
 // error.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,6 +18,20 @@
 #include "tools/KPISummary.h"
 
 namespace {
+
+// The whole file in one string, read without intermediate copies.
+bool readFile(const std::string& path, std::string* out) {
+    FILE* f = fopen(path.c_str(), "rb");
+    if (f == nullptr) return false;
+    char buf[64 * 1024];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0) out->append(buf, n);
+    const bool ok = !ferror(f);
+    const int err = errno;
+    fclose(f);
+    errno = err;
+    return ok;
+}
 
 void usage(FILE* out) {
     fprintf(out,
@@ -75,35 +88,31 @@ int main(int argc, char** argv) {
     int status = 0;
     zemtools::KPISummary totals;
     for (const std::string& file : files) {
-        std::ifstream in(file, std::ios::binary);
-        if (!in) {
+        std::string bytes;
+        if (!readFile(file, &bytes)) {
             fprintf(stderr, "zemdump: %s: cannot open: %s\n", file.c_str(), strerror(errno));
             status = 1;
             continue;
         }
-        std::ostringstream ss;
-        ss << in.rdbuf();
-        const std::string bytes = ss.str();
-
-        olvan::KPIData data;
-        if (!zemtools::decodeCacheBytes(bytes, &data)) {
+        zemtools::CacheFileIndex index;
+        if (!index.decode(bytes)) {
             fprintf(stderr, "zemdump: %s: not a cache file (%zu bytes do not parse as KPIData)\n",
                     file.c_str(), bytes.size());
             status = 1;
             continue;
         }
         if (summary) {
-            totals.add(data);
+            index.forEachWindow([&totals](const olvan::KPIData& one) { totals.add(one); });
             continue;
         }
         if (!json) {
             printf("%s: %zu bytes, version %s, %zu windows\n", file.c_str(), bytes.size(),
-                   olvan::KPIDataVersion_Name(data.version()).c_str(), zemtools::windowCount(data));
+                   olvan::KPIDataVersion_Name(index.version()).c_str(), index.windowCount());
         }
         const std::string prefix = "\"file\":" + zemtools::jsonString(file) + ",";
-        for (const std::string& line : zemtools::formatWindows(data, json, prefix)) {
+        index.forEachLine(json, prefix, [json](const std::string& line) {
             printf("%s%s\n", json ? "" : "  ", line.c_str());
-        }
+        });
     }
     if (summary) {
         for (const std::string& line : zemtools::formatSummary(totals.rows(), json)) {

@@ -15,6 +15,7 @@
 #include "common/DaemonCall.h"
 #include "common/PolledLock.h"
 #include "common/ZemLog.h"
+#include "serializer/CacheFile.h"
 
 using android::defaultServiceManager;
 using android::IBinder;
@@ -37,11 +38,13 @@ std::mutex gBinderMutex;
 sp<IBinder> zemBinder;
 sp<zemAIDLClient::DeathRecipientImpl> handleOlvDeath;
 
-std::vector<uint8_t> readWholeFile(const std::string& filename) {
-    std::ifstream in(filename, std::ios::binary);
-    if (!in) return {};
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in),
-                                std::istreambuf_iterator<char>());
+// False when the file must not be sent: an entry that is not a cache file,
+// or one that cannot be read (both logged). A missing file reads as empty.
+bool readWholeFile(const std::string& filename, std::vector<uint8_t>* content) {
+    std::string bytes;
+    const zem::CacheOpen r = zem::readCacheFile(filename, &bytes);
+    content->assign(bytes.begin(), bytes.end());
+    return r == zem::CacheOpen::kOk || r == zem::CacheOpen::kMissing;
 }
 
 }  // namespace
@@ -208,7 +211,8 @@ int32_t zemAIDLClient::sendData(const std::string& filename, const std::string& 
         return -1;
     }
     std::lock_guard<std::mutex> calls(mutex);
-    const std::vector<uint8_t> content = readWholeFile(filename);
+    std::vector<uint8_t> content;
+    if (!readWholeFile(filename, &content)) return -1;
     ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(content.size()));
     bool ok = false;
     Status status;

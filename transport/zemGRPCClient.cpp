@@ -14,6 +14,7 @@
 #include "collector/zem_collector.h"
 #include "common/PolledLock.h"
 #include "common/ZemLog.h"
+#include "serializer/CacheFile.h"
 
 namespace {
 
@@ -35,18 +36,11 @@ std::shared_ptr<grpc::Channel> makeChannel(const std::string& target) {
     return grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), args);
 }
 
-std::string readWholeFile(const std::string& filename) {
-    std::ifstream in(filename, std::ios::binary | std::ios::ate);
-    if (!in) return std::string();
-    const std::streamoff size = in.tellg();
-    std::string content;
-    if (size > 0) {
-        content.resize(static_cast<size_t>(size));
-        in.seekg(0);
-        in.read(&content[0], size);
-        content.resize(static_cast<size_t>(in.gcount()));
-    }
-    return content;
+// False when the file must not be sent: an entry that is not a cache file,
+// or one that cannot be read (both logged). A missing file reads as empty.
+bool readWholeFile(const std::string& filename, std::string* content) {
+    const zem::CacheOpen r = zem::readCacheFile(filename, content);
+    return r == zem::CacheOpen::kOk || r == zem::CacheOpen::kMissing;
 }
 
 }  // namespace
@@ -276,7 +270,7 @@ int32_t zemGRPCClient::CommandStream() {
 
 int32_t zemGRPCClient::sendData(const std::string& filename, const std::string& token) {
     olvan::Data data;
-    data.set_data(readWholeFile(filename));
+    if (!readWholeFile(filename, data.mutable_data())) return -1;
 
     grpc::ClientContext context;
     context.AddMetadata("clientid", token);
