@@ -188,7 +188,11 @@ status_t HostRuntime::sendParcelFrame(int fd, FrameHeader header, const Parcel* 
     header.magic = kFrameMagic;
     header.dataSize = parcel != nullptr ? static_cast<uint32_t>(parcel->mData.size()) : 0;
     header.objectCount = parcel != nullptr ? static_cast<uint32_t>(parcel->mObjects.size()) : 0;
-    if (parcel != nullptr && parcel->mData.size() > kMaxParcelBytes) return FAILED_TRANSACTION;
+    // A reply lands in the caller's buffer, which is no bigger than ours.
+    if (parcel != nullptr &&
+        bufferBytes(parcel->mData.size(), parcel->mObjects.size()) > kProcessBufferBytes) {
+        return FAILED_TRANSACTION;
+    }
     if (!writeFully(fd, &header, sizeof(header))) return DEAD_OBJECT;
     if (parcel == nullptr) return OK;
     if (!parcel->mData.empty() && !writeFully(fd, parcel->mData.data(), parcel->mData.size())) {
@@ -231,7 +235,11 @@ status_t HostRuntime::readParcelFrame(int fd, const FrameHeader& header, Parcel*
 
 status_t HostRuntime::transact(const std::string& ep, uint64_t id, uint32_t code,
                                const Parcel& data, Parcel* reply, uint32_t flags) {
-    if (data.dataSize() > kMaxParcelBytes) return FAILED_TRANSACTION;
+    // More than the receiver's whole buffer (half of it for a one-way call)
+    // never fits, however idle the receiver is.
+    const size_t limit =
+            (flags & IBinder::FLAG_ONEWAY) != 0 ? kOnewayBufferBytes : kProcessBufferBytes;
+    if (bufferBytes(data.mData.size(), data.mObjects.size()) > limit) return FAILED_TRANSACTION;
     const int fd = connectAbstract(ep);
     if (fd < 0) return DEAD_OBJECT;
     FrameHeader header;
@@ -240,7 +248,8 @@ status_t HostRuntime::transact(const std::string& ep, uint64_t id, uint32_t code
     header.code = code;
     header.flags = flags;
     status_t err = sendParcelFrame(fd, header, &data);
-    if (err != OK || (flags & IBinder::FLAG_ONEWAY) != 0) {
+    const bool sent = err == OK;
+    if ((!sent && err != DEAD_OBJECT) || (flags & IBinder::FLAG_ONEWAY) != 0) {
         close(fd);
         return err;
     }
@@ -249,6 +258,12 @@ status_t HostRuntime::transact(const std::string& ep, uint64_t id, uint32_t code
         // The owner went away before it answered.
         close(fd);
         return DEAD_OBJECT;
+    }
+    if (!sent) {
+        // The owner answered without reading the whole request: its buffer
+        // had no room for it.
+        close(fd);
+        return answer.magic == kFrameMagic && answer.kind == kReply ? answer.status : DEAD_OBJECT;
     }
     Parcel scratch;
     Parcel* target = reply != nullptr ? reply : &scratch;
@@ -335,6 +350,19 @@ void HostRuntime::handleAccepted(int fd, const std::string& service) {
         return;
     }
     if (header.kind != kTransact) {
+        close(fd);
+        return;
+    }
+    // The transaction holds its room in this process's buffer from now until
+    // serveTransaction is done with it.
+    if (!mBudget.reserve(bufferBytes(header.dataSize, header.objectCount),
+                         (header.flags & IBinder::FLAG_ONEWAY) != 0)) {
+        if ((header.flags & IBinder::FLAG_ONEWAY) == 0) {
+            FrameHeader answer;
+            answer.kind = kReply;
+            answer.status = FAILED_TRANSACTION;
+            sendParcelFrame(fd, answer, nullptr);
+        }
         close(fd);
         return;
     }
@@ -452,6 +480,8 @@ void HostRuntime::serveTransaction(const Incoming& in) {
         }
     }
     close(in.fd);
+    mBudget.release(bufferBytes(in.header.dataSize, in.header.objectCount),
+                    (in.header.flags & IBinder::FLAG_ONEWAY) != 0);
 }
 
 status_t HostRuntime::addService(const std::string& name, const sp<IBinder>& binder) {

@@ -136,6 +136,9 @@ class HostRuntime {
     std::map<std::pair<std::string, uint64_t>, wp<BpBinder>> mProxies;
     std::map<std::string, uint64_t> mServices;
 
+    // Room left in this process's transaction buffer.
+    BufferBudget mBudget;
+
     std::condition_variable mPoolCv;
     std::deque<Incoming> mQueue;
     std::map<uint64_t, AsyncQueue> mAsync;
