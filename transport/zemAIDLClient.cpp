@@ -13,6 +13,7 @@
 #include "collector/zem_collector.h"
 #include "common/PolledLock.h"
 #include "common/ZemLog.h"
+#include "transport/CacheFileParts.h"
 
 using android::defaultServiceManager;
 using android::IBinder;
@@ -26,6 +27,13 @@ namespace {
 
 const char* const kServiceName = "vendor_zemsdkservice";
 
+// The most file bytes one sendData transaction carries. The daemon's binder
+// buffer (1 MiB less two pages) is shared by every transaction in flight to
+// it, from every client process at once; a quarter of it leaves room for
+// three other deliveries and the small calls beside them, and bigger parts
+// would save only a round trip each.
+constexpr size_t kMaxSendBytes = 256 * 1024;
+
 // How long deRegisterClient waits for another call to the daemon to end.
 constexpr std::chrono::seconds kCallGrace{2};
 
@@ -34,13 +42,6 @@ constexpr std::chrono::seconds kCallGrace{2};
 std::mutex gBinderMutex;
 sp<IBinder> zemBinder;
 sp<zemAIDLClient::DeathRecipientImpl> handleOlvDeath;
-
-std::vector<uint8_t> readWholeFile(const std::string& filename) {
-    std::ifstream in(filename, std::ios::binary);
-    if (!in) return {};
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in),
-                                std::istreambuf_iterator<char>());
-}
 
 }  // namespace
 
@@ -155,6 +156,7 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
     const Status status = m->registerZEMClient(name, cb, &token);
     if (!status.isOk()) {
         ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+        dropIfDead(m, status);
         return -1;
     }
     ZEM_LOGI("%s success. Token received - %s", kOp, token.c_str());
@@ -186,13 +188,23 @@ int32_t zemAIDLClient::sendData(const std::string& filename, const std::string& 
         return -1;
     }
     std::lock_guard<std::mutex> calls(mutex);
-    const std::vector<uint8_t> content = readWholeFile(filename);
-    ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(content.size()));
-    bool ok = false;
-    const Status status = m->sendData(content, token, &ok);
-    if (!status.isOk()) {
-        ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
-        return -1;
+    // A file that fits goes in one transaction, as it is; a larger one in
+    // parts, each a cache file image of its own. A file that cannot be
+    // opened is sent empty.
+    std::ifstream in(filename, std::ios::binary);
+    zem::internal::CacheFileParts parts(in, kMaxSendBytes);
+    std::string part;
+    while (parts.next(&part)) {
+        const std::vector<uint8_t> bytes(part.begin(), part.end());
+        ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(bytes.size()));
+        bool ok = false;
+        const Status status = m->sendData(bytes, token, &ok);
+        if (!status.isOk()) {
+            // The file stays whole; parts already sent come again with it.
+            ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+            dropIfDead(m, status);
+            return -1;
+        }
     }
     remove(filename.c_str());
     return 0;
@@ -221,9 +233,19 @@ int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
     const Status status = m->deregisterZEMClient(token);
     if (!status.isOk()) {
         ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+        dropIfDead(m, status);
         return -1;
     }
     return 0;
+}
+
+void zemAIDLClient::dropIfDead(const sp<IZEMManager>& m, const Status& status) {
+    if (status.exceptionCode() != Status::EX_TRANSACTION_FAILED ||
+        status.transactionError() != android::DEAD_OBJECT) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(stateMutex);
+    if (manager == m) manager = nullptr;
 }
 
 void zemAIDLClient::forgetCollector(zem_collector* collector) {
