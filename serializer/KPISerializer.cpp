@@ -100,6 +100,8 @@ int KPISerializer::Initialize(unsigned int size_threshold, unsigned int time_thr
         }
         std::lock_guard<std::mutex> lock(queueMutex);
         currFileName = path;
+        currKey = static_cast<int64_t>(fileKey(files.back(), n));
+        holdUntil = 0;
     }
 
     {
@@ -124,10 +126,12 @@ bool KPISerializer::openForAppend(const std::string& path) {
 }
 
 void KPISerializer::createFout() {
-    const std::string path = cacheDir + "/kpidata." + std::to_string(currTs());
+    const int64_t key = nextFileKey();
+    const std::string path = cacheDir + "/kpidata." + std::to_string(key);
     {
         std::lock_guard<std::mutex> lock(queueMutex);
         currFileName = path;
+        currKey = key;
     }
     // Two files created within one second share a name: the second one is
     // the first reopened for append. A failed open leaves the file failed.
@@ -204,6 +208,7 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
         int count = 0;
         int64_t projected = fileSize;
         const unsigned int threshold = sizeThreshold.load(std::memory_order_relaxed);
+        const bool held = rolloverHeld();
         bool rollover = false;
         while (count < kMaxBatch && count < static_cast<int>(records.size())) {
             const Record& rec = records[count];
@@ -213,17 +218,14 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
             iov[count].iov_len = bytes.size();
             projected += static_cast<int64_t>(bytes.size());
             ++count;
-            if (projected > static_cast<int64_t>(threshold)) {
+            if (projected > static_cast<int64_t>(threshold) && !held) {
                 rollover = true;
                 break;
             }
         }
         if (!writeAll(iov, count)) failed = true;
         records.erase(records.begin(), records.begin() + count);
-        if (rollover && !failed) {
-            Flush();
-            createFout();
-        }
+        if (rollover && !failed) rollOver();
     }
 }
 
@@ -263,6 +265,32 @@ void KPISerializer::stopWriterThread() {
     queueCv.notify_one();
     writerThread->join();
     writerThread.reset();
+}
+
+void KPISerializer::rollOver() {
+    Flush();
+    // The transport removes a file it delivered; one still here was not.
+    if (access(currFileName.c_str(), F_OK) == 0) keptKey = std::max(keptKey, currKey);
+    createFout();
+}
+
+int64_t KPISerializer::nextFileKey() {
+    const int64_t now = currTs();
+    holdUntil = 0;
+    // A kept file far ahead of the clock is not one of this writer's.
+    if (keptKey < 0 || now > keptKey || keptKey > now + 1) return now;
+    // This second's name belongs to a file whose delivery just failed:
+    // reopening it would hand it over again at its next record, and again at
+    // every record after. The next file takes the next second's name instead
+    // and is not rolled over before that second has come, so names stay
+    // unique and in order and a failing daemon costs at most one delivery
+    // attempt a second, while records keep going to the file.
+    holdUntil = keptKey + 1;
+    return keptKey + 1;
+}
+
+bool KPISerializer::rolloverHeld() const {
+    return holdUntil != 0 && currTs() < holdUntil;
 }
 
 int KPISerializer::Flush() {
