@@ -24,7 +24,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -78,23 +80,42 @@ int32_t onStop() {
 
 void logLoop(zem_handle h, int t, long rate) {
     const uint32_t id = static_cast<uint32_t>(t + 1);
-    const auto gap =
-            rate > 0 ? std::chrono::microseconds(1000000 / rate) : std::chrono::microseconds(0);
+    // With a rate, samples follow a schedule counted from the campaign's
+    // start, so that the rate holds whatever a sleep really takes; a thread
+    // behind schedule catches up in batches of at most 256.
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point since{};
+    uint64_t sinceCount = 0;
     while (!gQuit.load()) {
         bool running;
         {
             std::lock_guard<std::mutex> lock(gLocks[t]);
             running = gRunning;
-            // A batch per lock at full speed; one sample per lock otherwise.
-            for (int i = 0; running && i < (rate > 0 ? 1 : 256); ++i) {
+            uint64_t batch = 256;
+            if (running && rate > 0) {
+                const Clock::time_point now = Clock::now();
+                if (since == Clock::time_point{}) {
+                    since = now;
+                    sinceCount = gLogged[t].load();
+                }
+                const auto elapsed =
+                        std::chrono::duration_cast<std::chrono::microseconds>(now - since).count();
+                const uint64_t due =
+                        sinceCount +
+                        static_cast<uint64_t>(elapsed) * static_cast<uint64_t>(rate) / 1000000 + 1;
+                const uint64_t done = gLogged[t].load();
+                batch = due > done ? std::min<uint64_t>(due - done, 256) : 0;
+            }
+            for (uint64_t i = 0; running && i < batch; ++i) {
                 const uint64_t k = gLogged[t].load();
                 if (zem_log(h, id, static_cast<uint32_t>(k)) == 0) gLogged[t].store(k + 1);
             }
         }
         if (!running) {
+            since = Clock::time_point{};
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         } else if (rate > 0) {
-            std::this_thread::sleep_for(gap);
+            std::this_thread::sleep_for(std::chrono::microseconds(rate > 1000 ? 500 : 1000));
         }
     }
 }
