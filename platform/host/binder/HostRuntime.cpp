@@ -470,6 +470,10 @@ void HostRuntime::serveTransaction(const Incoming& in) {
     } else {
         reply.freeData();
     }
+    // The request's room is free again before the caller hears the answer,
+    // as libbinder frees the buffer along with its reply.
+    mBudget.release(bufferBytes(in.header.dataSize, in.header.objectCount),
+                    (in.header.flags & IBinder::FLAG_ONEWAY) != 0);
     if ((in.header.flags & IBinder::FLAG_ONEWAY) == 0) {
         FrameHeader answer;
         answer.kind = kReply;
@@ -480,8 +484,6 @@ void HostRuntime::serveTransaction(const Incoming& in) {
         }
     }
     close(in.fd);
-    mBudget.release(bufferBytes(in.header.dataSize, in.header.objectCount),
-                    (in.header.flags & IBinder::FLAG_ONEWAY) != 0);
 }
 
 status_t HostRuntime::addService(const std::string& name, const sp<IBinder>& binder) {
