@@ -85,14 +85,16 @@ void waitForReaders() {
         // load it makes after that entry sees the value published before
         // this call.
         internal::membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED);
-    } else {
-        std::atomic_thread_fence(std::memory_order_seq_cst);
     }
+    // Without the barrier, readers enter with a sequentially consistent
+    // exchange; the publishing store and the loads below are sequentially
+    // consistent too, so either a reader's entry is seen here or its load
+    // sees the new value.
     const ReaderRecord* self = internal::threadRecord();
     std::vector<std::pair<const ReaderRecord*, uint64_t>> busy;
     for (const ReaderRecord* r = internal::gRecords.load(std::memory_order_acquire); r != nullptr;
          r = r->next) {
-        const uint64_t s = r->seq.load(std::memory_order_acquire);
+        const uint64_t s = r->seq.load(std::memory_order_seq_cst);
         if ((s & 1) == 0) continue;
         // A section of our own would never end while we wait for it.
         assert(r != self);

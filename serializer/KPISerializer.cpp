@@ -104,11 +104,14 @@ int KPISerializer::Initialize(unsigned int size_threshold, unsigned int time_thr
     bool reopened = false;
     while (!files.empty() && !reopened) {
         const std::string path = cacheDir + "/" + files.back();
+        const int64_t key = static_cast<int64_t>(fileKey(files.back(), n));
         files.pop_back();
         switch (openForAppend(path)) {
             case zem::CacheOpen::kOk: {
                 std::lock_guard<std::mutex> lock(queueMutex);
                 currFileName = path;
+                currKey = key;
+                holdUntil = 0;
                 reopened = true;
                 break;
             }
@@ -150,14 +153,15 @@ void KPISerializer::createFout() {
     // the first reopened for append. A name taken by something that is not
     // a cache file is skipped for the next second's, so that planted entries
     // cannot stop the campaign from writing.
-    const int64_t now = currTs();
+    const int64_t first = nextFileKey();
     std::string path;
     zem::CacheOpen why = zem::CacheOpen::kFailed;
-    for (int64_t ts = now; ts < now + kMaxNameSkips; ++ts) {
+    for (int64_t ts = first; ts < first + kMaxNameSkips; ++ts) {
         path = cacheDir + "/kpidata." + std::to_string(ts);
         {
             std::lock_guard<std::mutex> lock(queueMutex);
             currFileName = path;
+            currKey = ts;
         }
         // An entry already reported is passed over quietly while it stays:
         // rollovers within one second meet the same names again.
@@ -283,6 +287,7 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
         int count = 0;
         int64_t projected = fileSize;
         const unsigned int threshold = sizeThreshold.load(std::memory_order_relaxed);
+        const bool held = rolloverHeld();
         bool rollover = false;
         while (count < kMaxBatch && count < static_cast<int>(records.size())) {
             const Record& rec = records[count];
@@ -292,7 +297,7 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
             iov[count].iov_len = bytes.size();
             projected += static_cast<int64_t>(bytes.size());
             ++count;
-            if (projected > static_cast<int64_t>(threshold)) {
+            if (projected > static_cast<int64_t>(threshold) && !held) {
                 rollover = true;
                 break;
             }
@@ -306,10 +311,7 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
             }
         }
         records.erase(records.begin(), records.begin() + count);
-        if (rollover && !failed) {
-            Flush();
-            createFout();
-        }
+        if (rollover && !failed) rollOver();
     }
 }
 
@@ -352,6 +354,32 @@ void KPISerializer::stopWriterThread() {
     queueCv.notify_one();
     writerThread->join();
     writerThread.reset();
+}
+
+void KPISerializer::rollOver() {
+    Flush();
+    // The transport removes a file it delivered; one still here was not.
+    if (access(currFileName.c_str(), F_OK) == 0) keptKey = std::max(keptKey, currKey);
+    createFout();
+}
+
+int64_t KPISerializer::nextFileKey() {
+    const int64_t now = currTs();
+    holdUntil = 0;
+    // A kept file far ahead of the clock is not one of this writer's.
+    if (keptKey < 0 || now > keptKey || keptKey > now + 1) return now;
+    // This second's name belongs to a file whose delivery just failed:
+    // reopening it would hand it over again at its next record, and again at
+    // every record after. The next file takes the next second's name instead
+    // and is not rolled over before that second has come, so names stay
+    // unique and in order and a failing daemon costs at most one delivery
+    // attempt a second, while records keep going to the file.
+    holdUntil = keptKey + 1;
+    return keptKey + 1;
+}
+
+bool KPISerializer::rolloverHeld() const {
+    return holdUntil != 0 && currTs() < holdUntil;
 }
 
 int KPISerializer::Flush() {

@@ -134,6 +134,16 @@ class KPISerializer {
     zem::CacheOpen openForAppend(const std::string& path);
     void queueRecord(olvan::KPIData& data, const WindowNote& note, bool bounded);
     static size_t recordCost(const std::string& bytes);
+
+    // Hands the full file over and opens the next one. Writer thread only.
+    void rollOver();
+    // The number that names the next file: the current second, unless a
+    // file of this second (or the next) is still here because its delivery
+    // failed; see rolloverHeld.
+    int64_t nextFileKey();
+    // True while the current file, named ahead of the clock after a failed
+    // delivery, must not be rolled over yet.
+    bool rolloverHeld() const;
     static void printNote(const WindowNote& note);
     bool writeAll(const struct iovec* iov, int count);
 
@@ -157,6 +167,13 @@ class KPISerializer {
     // rollover.
     std::set<std::string> reportedEntries;
     std::string currFileName;
+    // The number in the current file's name, the highest number of a file
+    // that a rollover handed over but that is still in the cache directory
+    // (-1: none), and the second before which the current file is not rolled
+    // over (0: no such hold). Writer thread only, or with no writer running.
+    int64_t currKey = 0;
+    int64_t keptKey = -1;
+    int64_t holdUntil = 0;
 
     std::deque<Record> queue;
     std::mutex queueMutex;

@@ -24,6 +24,7 @@
 #include "collector/CollectorSeams.h"
 #include "collector/zem_collector.h"
 #include "e2e_util.h"
+#include "metric.pb.h"
 #include "platform/host/binder/HostWire.h"
 #include "transport/IZEMCallback.h"
 #include "transport/IZEMManager.h"
@@ -697,6 +698,35 @@ TEST(HostBinder, RegistryDeathAndMalformedPeers) {
     EXPECT_EQ(1, obit->count.load());
 }
 
+TEST(HostBinder, TransactionsInFlightShareTheReceiversBuffer) {
+    using namespace android::hostbinder;
+    EXPECT_EQ(16u, bufferBytes(9, 0)) << "data rounded to 8 bytes";
+    EXPECT_EQ(8u + 16u, bufferBytes(8, 2)) << "each object adds its 8-byte offset";
+    BufferBudget budget;
+    const size_t third = kProcessBufferBytes / 3;
+    struct Step {
+        bool reserve;  // false: release
+        size_t bytes;
+        bool oneway;
+        bool fits;
+    } steps[] = {
+            {true, third, true, true},       {true, third, true, false},  // one-way calls get half
+                                                                          // the buffer
+            {true, third, false, true},                                   // two-way ones the rest
+            {true, third + 8, false, false},  // the whole buffer is taken
+            {true, third, false, true},      {true, 8, false, false},    {false, third, true, true},
+            {true, third, true, true},  // room again once a call was served
+    };
+    for (const Step& st : steps) {
+        if (st.reserve) {
+            EXPECT_EQ(st.fits, budget.reserve(st.bytes, st.oneway))
+                    << st.bytes << (st.oneway ? " one-way" : " two-way");
+        } else {
+            budget.release(st.bytes, st.oneway);
+        }
+    }
+}
+
 TEST(HostBinder, OneWayCallsToOneObjectRunOneAtATimeInOrder) {
     android::ProcessState::self()->startThreadPool();
     sp<FakeManager> manager = new FakeManager();
@@ -842,6 +872,65 @@ TEST(AIDLClient, EventsReachTheRightCollectorAndDeathReachesEveryOne) {
     EXPECT_TRUE(access(file.c_str(), F_OK) == 0);
     EXPECT_EQ(0, client->sendData(dir.file("missing"), "alpha-1"));
     EXPECT_TRUE(daemon.saw("send alpha-1 0 -"));
+
+    // A file larger than one transaction may carry goes in parts, each a
+    // cache file image, that merge into the file; the file is then removed.
+    {
+        std::string image("\x08\x01", 2);
+        for (uint32_t i = 0; image.size() < 700 * 1024; ++i) {
+            olvan::KPIData rec;
+            olvan::Counter* c = rec.add_counters();
+            c->mutable_meta()->set_id(i);
+            c->set_value(i);
+            image += rec.SerializeAsString();
+        }
+        const std::string big = dir.file("kpidata.2");
+        zem_test::writeFile(big, image);
+        EXPECT_EQ(0, client->sendData(big, "parts"));
+        EXPECT_FALSE(access(big.c_str(), F_OK) == 0);
+        olvan::KPIData whole, merged;
+        ASSERT_TRUE(whole.ParseFromString(image));
+        int parts = 0;
+        ASSERT_TRUE(zem_e2e::eventually([&] {
+            merged.Clear();
+            parts = 0;
+            for (const std::string& l : zem_e2e::lines(daemon.child.out())) {
+                if (l.compare(0, 11, "send parts ") != 0) continue;
+                const std::string hex = l.substr(l.rfind(' ') + 1);
+                std::string bytes;
+                for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+                    bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+                }
+                olvan::KPIData part;
+                if (!part.ParseFromString(bytes) || part.version() != olvan::V1) return false;
+                merged.MergeFrom(part);
+                ++parts;
+            }
+            return merged.counters_size() == whole.counters_size();
+        }));
+        EXPECT_GE(parts, 3);
+        EXPECT_EQ(whole.SerializeAsString(), merged.SerializeAsString());
+    }
+
+    // The runtime holds transactions to the daemon's buffer, as a device
+    // does: 1 MiB less two pages, half of it for a one-way call.
+    {
+        using android::hostbinder::kProcessBufferBytes;
+        sp<IZEMManager> direct = IZEMManager::asInterface(
+                android::defaultServiceManager()->checkService(String16("vendor_zemsdkservice")));
+        ASSERT_NE(nullptr, direct.get());
+        bool ok = false;
+        const Status tooBig =
+                direct->sendData(std::vector<uint8_t>(kProcessBufferBytes), "limit", &ok);
+        EXPECT_EQ(android::FAILED_TRANSACTION, tooBig.transactionError());
+        EXPECT_TRUE(direct->sendData(std::vector<uint8_t>(kProcessBufferBytes - 4096), "limit", &ok)
+                            .isOk());
+        // 300,000 characters travel as 600,000 bytes of UTF-16.
+        const std::string longToken(300000, 't');
+        EXPECT_EQ(android::FAILED_TRANSACTION,
+                  direct->checkForPendingCampaign(longToken).transactionError());
+        EXPECT_TRUE(direct->deregisterZEMClient(longToken).isOk());
+    }
     EXPECT_EQ(0, client->deRegisterClient("alpha-1"));
     EXPECT_TRUE(daemon.saw("deregister alpha-1"));
     // Deregistration keeps the entry: events still arrive.
@@ -863,6 +952,13 @@ TEST(AIDLClient, EventsReachTheRightCollectorAndDeathReachesEveryOne) {
     }
     EXPECT_EQ(-1, client->sendData(file, "alpha-1")) << "a dead daemon keeps the file";
     EXPECT_TRUE(access(file.c_str(), F_OK) == 0);
+
+    // That failure dropped the dead proxy: a registration through the same
+    // instance finds the restarted daemon instead of failing on it forever.
+    Peer restarted({"daemon", "vendor_zemsdkservice"});
+    ASSERT_TRUE(restarted.saw("ready"));
+    EXPECT_EQ(0, client->registerClient("alpha", 0x100, &a));
+    EXPECT_TRUE(restarted.saw("register alpha alpha-1"));
     client->forgetCollector(&a);
     client->forgetCollector(&b);
 }

@@ -27,7 +27,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -71,25 +73,42 @@ size_t gBlobBytes = 0;  // nonzero: blob samples of this size
 void logLoop(zem_handle h, int t, long rate) {
     const uint32_t id = static_cast<uint32_t>(t + 1);
     const std::vector<uint8_t> blob(gBlobBytes, static_cast<uint8_t>('a' + t));
-    const auto gap =
-            rate > 0 ? std::chrono::microseconds(1000000 / rate) : std::chrono::microseconds(0);
+    // With a rate, samples follow a schedule counted from the campaign's
+    // start, so that the rate holds whatever a sleep really takes; a thread
+    // behind schedule catches up in batches of at most 256.
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point since{};
+    uint64_t sinceCount = 0;
     while (!gQuit.load(std::memory_order_relaxed)) {
         if (!gRunning.load(std::memory_order_relaxed)) {
+            since = Clock::time_point{};
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
             continue;
         }
-        // A batch between looks at the flags at full speed.
-        for (int i = 0; i < (rate > 0 ? 1 : 256); ++i) {
+        uint64_t batch = 256;
+        if (rate > 0) {
+            const Clock::time_point now = Clock::now();
+            if (since == Clock::time_point{}) {
+                since = now;
+                sinceCount = gLogged[t].load(std::memory_order_relaxed);
+            }
+            const auto elapsed =
+                    std::chrono::duration_cast<std::chrono::microseconds>(now - since).count();
+            const uint64_t due =
+                    sinceCount +
+                    static_cast<uint64_t>(elapsed) * static_cast<uint64_t>(rate) / 1000000 + 1;
+            const uint64_t done = gLogged[t].load(std::memory_order_relaxed);
+            batch = due > done ? std::min<uint64_t>(due - done, 256) : 0;
+        }
+        for (uint64_t i = 0; i < batch; ++i) {
             const uint64_t k = gLogged[t].load(std::memory_order_relaxed);
             const int32_t rc =
                     gBlobBytes > 0
                             ? zem_log_blob(h, id, blob.data(), static_cast<uint32_t>(blob.size()))
                             : zem_log(h, id, static_cast<uint32_t>(k));
-            if (rc == 0) {
-                gLogged[t].store(k + 1, std::memory_order_relaxed);
-            }
+            if (rc == 0) gLogged[t].store(k + 1, std::memory_order_relaxed);
         }
-        if (rate > 0) std::this_thread::sleep_for(gap);
+        if (rate > 0) std::this_thread::sleep_for(std::chrono::microseconds(rate > 1000 ? 500 : 1000));
     }
 }
 

@@ -12,6 +12,7 @@
 
 #include "TestUtil.h"
 #include "collector/zem_collector.h"
+#include "metric.pb.h"
 #include "spc.grpc.pb.h"
 #include "transport/zemGRPCClient.h"
 
@@ -58,7 +59,7 @@ class FakeDaemon final : public olvan::SPC::Service {
                           olvan::Response* response) override {
         std::lock_guard<std::mutex> lock(mutex);
         deliveries.push_back({copyMetadata(context), *request});
-        if (!sendError.ok()) return sendError;
+        if (!sendError.ok() && deliveries.size() > sendErrorAfter) return sendError;
         response->set_status(sendStatus);
         return grpc::Status::OK;
     }
@@ -136,6 +137,7 @@ class FakeDaemon final : public olvan::SPC::Service {
     int32_t deregisterStatus = 0;
     int32_t sendStatus = 0;
     grpc::Status sendError = grpc::Status::OK;
+    size_t sendErrorAfter = 0;  // deliveries that succeed before sendError applies
     // Records.
     struct Delivery {
         Metadata metadata;
@@ -360,6 +362,51 @@ TEST_F(GrpcClientTest, FailedSendKeepsTheFileAndLogsTheReason) {
     EXPECT_EQ(client->sendData(file, "tok-1"), grpc::StatusCode::RESOURCE_EXHAUSTED);
     EXPECT_EQ(zem_test::countLogLines(log.text(), 'E', "SendData failed: disk full"), 1);
     EXPECT_EQ(zem_test::readFile(file), "\x08\x01");
+}
+
+TEST_F(GrpcClientTest, FilesOverTheDefaultReceiveLimitGoInPartsThatMergeIntoTheFile) {
+    // The fake daemon keeps gRPC's default 4 MiB receive limit.
+    auto client = std::make_shared<zemGRPCClient>(server.target);
+    std::string image("\x08\x01", 2);
+    for (uint32_t i = 0; image.size() < 9 * 1024 * 1024; ++i) {
+        olvan::KPIData rec;
+        olvan::Counter* c = rec.add_counters();
+        c->mutable_meta()->set_id(i);
+        c->set_value(i);
+        image += rec.SerializeAsString();
+    }
+    const std::string file = dir.file("kpidata.200");
+
+    // A part refused after the first: the file stays whole, one ERROR line.
+    zem_test::writeFile(file, image);
+    daemon.behave([&] {
+        daemon.sendError = grpc::Status(grpc::StatusCode::UNAVAILABLE, "going away");
+        daemon.sendErrorAfter = 1;
+    });
+    {
+        zem_test::LogCapture log;
+        EXPECT_EQ(client->sendData(file, "tok-1"), grpc::StatusCode::UNAVAILABLE);
+        EXPECT_EQ(zem_test::countLogLines(log.text(), 'E', "SendData failed: going away"), 1);
+    }
+    EXPECT_EQ(zem_test::readFile(file), image);
+
+    daemon.behave([&] {
+        daemon.sendError = grpc::Status::OK;
+        daemon.deliveries.clear();
+    });
+    EXPECT_EQ(client->sendData(file, "tok-1"), 0);
+    EXPECT_NE(access(file.c_str(), F_OK), 0);
+    std::lock_guard<std::mutex> lock(daemon.mutex);
+    ASSERT_EQ(daemon.deliveries.size(), 3u);
+    olvan::KPIData whole, merged;
+    ASSERT_TRUE(whole.ParseFromString(image));
+    for (const auto& d : daemon.deliveries) {
+        olvan::KPIData part;
+        ASSERT_TRUE(part.ParseFromString(d.data.data()));
+        EXPECT_EQ(part.version(), olvan::V1);
+        merged.MergeFrom(part);
+    }
+    EXPECT_EQ(merged.SerializeAsString(), whole.SerializeAsString());
 }
 
 TEST_F(GrpcClientTest, DeregistrationCarriesTheTokenUnderItsOwnKey) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <set>
@@ -208,6 +209,77 @@ TEST(Serializer, StopWritesEveryQueuedRecordBeforeTheLastHandover) {
     // Every file created queued one version record, and none was dropped
     // (behind a backlog it lands in a later file than the one it announced).
     EXPECT_EQ(recordBytes + 2 * files.size(), totalBytes);
+}
+
+// Stands in for a collector whose daemon refuses every delivery: the file
+// stays where it is, as the transports leave it.
+class RefusingCollector : public zem_collector {
+  public:
+    explicit RefusingCollector(const zem_cfg_s& cfg) : zem_collector(cfg) {}
+    int SendData(const std::string& filename) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        names.push_back(filename);
+        return -1;
+    }
+    std::vector<std::string> handed() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return names;
+    }
+
+  private:
+    std::mutex mutex;
+    std::vector<std::string> names;
+};
+
+TEST(Serializer, AFailedDeliveryCostsOneAttemptAndTheNextFileANameOfItsOwn) {
+    TempDir dir;
+    zem_cfg_s cfg{};
+    cfg.name = "refused";
+    cfg.cache_dir = dir.path().c_str();
+    RefusingCollector collector(cfg);
+    KPISerializer ser(dir.path(), &collector);
+    const int64_t start = KPISerializer::currTs();
+    ASSERT_EQ(0, ser.Initialize(100, 1));
+    // Every record takes a fresh file past the threshold.
+    constexpr uint32_t kRecords = 400;
+    for (uint32_t i = 0; i < kRecords; ++i) {
+        auto rec = recordOfSize(120, i);
+        ser.Write(rec);
+    }
+    ser.Finalize();
+    const int64_t end = KPISerializer::currTs();
+
+    // One attempt per file, files named in increasing order, at most one new
+    // name per second after the first failure (plus the stop's handover):
+    // reopening the refused file would hand it over again at every record.
+    const std::vector<std::string> handed = collector.handed();
+    ASSERT_FALSE(handed.empty());
+    EXPECT_LE(handed.size(), static_cast<size_t>(end - start) + 3);
+    const std::string prefix = dir.path() + "/kpidata.";
+    int64_t last = -1;
+    for (size_t i = 0; i + 1 < handed.size(); ++i) {
+        const int64_t key = std::stoll(handed[i].substr(prefix.size()));
+        EXPECT_GT(key, last) << handed[i];
+        EXPECT_LE(key, end + 1) << "never more than a second ahead of the clock";
+        last = key;
+    }
+    // Every record is on disk, in order, in the files kept.
+    std::vector<std::string> names = dir.list();
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return std::stoll(a.substr(8)) < std::stoll(b.substr(8));
+    });
+    std::string kept;
+    for (const std::string& name : names) {
+        olvan::KPIData data;
+        const std::string bytes = readFile(dir.file(name));
+        ASSERT_TRUE(data.ParseFromString(bytes)) << name;
+        EXPECT_EQ(olvan::V1, data.version());
+        kept += bytes;
+    }
+    olvan::KPIData all;
+    ASSERT_TRUE(all.ParseFromString(kept));
+    ASSERT_EQ(static_cast<int>(kRecords), all.blobs_size());
+    for (uint32_t i = 0; i < kRecords; ++i) ASSERT_EQ(i, all.blobs(i).meta().id());
 }
 
 TEST(Serializer, ConcurrentProducersLoseAndCorruptNothing) {

@@ -61,6 +61,8 @@ void usage(FILE* out) {
             "  --json                 print events and windows as JSON lines\n"
             "  --control              also read control commands from standard input, one\n"
             "                         per line; end of input quits\n"
+            "  --default-receive-limit  keep gRPC's default 4 MiB limit on received messages,\n"
+            "                         as a daemon that never changed it does (default: 64 MiB)\n"
             "  --fault NAME[=VALUE]   misbehave on purpose, for fault-injection tests\n"
             "                         (repeatable; the names are listed in tools/ZemFault.h)\n"
             "  -h, --help             this text\n"
@@ -355,6 +357,7 @@ int main(int argc, char** argv) {
     std::string controlPath;
     std::string campaignFile;
     bool control = false;
+    bool defaultReceiveLimit = false;
 
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -390,6 +393,8 @@ int main(int argc, char** argv) {
             options.json = true;
         } else if (arg == "--control") {
             control = true;
+        } else if (arg == "--default-receive-limit") {
+            defaultReceiveLimit = true;
         } else if (arg == "--fault") {
             std::string error;
             if (!zemfault::add(value("--fault"), &error)) {
@@ -432,7 +437,7 @@ int main(int argc, char** argv) {
     grpc::ServerBuilder builder;
     builder.AddListeningPort("unix:" + socketPath, grpc::InsecureServerCredentials());
     // A cache file may be up to 4 MiB plus one record.
-    builder.SetMaxReceiveMessageSize(64 * 1024 * 1024);
+    if (!defaultReceiveLimit) builder.SetMaxReceiveMessageSize(64 * 1024 * 1024);
     builder.RegisterService(&daemon);
     std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
     if (!server) {

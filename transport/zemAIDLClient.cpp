@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <utility>
 
 #include "collector/zem_collector.h"
@@ -16,6 +17,7 @@
 #include "common/PolledLock.h"
 #include "common/ZemLog.h"
 #include "serializer/CacheFile.h"
+#include "transport/CacheFileParts.h"
 
 using android::defaultServiceManager;
 using android::IBinder;
@@ -29,6 +31,13 @@ namespace {
 
 const char* const kServiceName = "vendor_zemsdkservice";
 
+// The most file bytes one sendData transaction carries. The daemon's binder
+// buffer (1 MiB less two pages) is shared by every transaction in flight to
+// it, from every client process at once; a quarter of it leaves room for
+// three other deliveries and the small calls beside them, and bigger parts
+// would save only a round trip each.
+constexpr size_t kMaxSendBytes = 256 * 1024;
+
 // How long deRegisterClient waits for another call to the daemon to end.
 constexpr std::chrono::seconds kCallGrace{2};
 
@@ -40,10 +49,8 @@ sp<zemAIDLClient::DeathRecipientImpl> handleOlvDeath;
 
 // False when the file must not be sent: an entry that is not a cache file,
 // or one that cannot be read (both logged). A missing file reads as empty.
-bool readWholeFile(const std::string& filename, std::vector<uint8_t>* content) {
-    std::string bytes;
-    const zem::CacheOpen r = zem::readCacheFile(filename, &bytes);
-    content->assign(bytes.begin(), bytes.end());
+bool readWholeFile(const std::string& filename, std::string* content) {
+    const zem::CacheOpen r = zem::readCacheFile(filename, content);
     return r == zem::CacheOpen::kOk || r == zem::CacheOpen::kMissing;
 }
 
@@ -173,6 +180,7 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
     }
     if (!status.isOk()) {
         ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+        dropIfDead(m, status);
         return -1;
     }
     ZEM_LOGI("%s success. Token received - %s", kOp, token.c_str());
@@ -211,18 +219,29 @@ int32_t zemAIDLClient::sendData(const std::string& filename, const std::string& 
         return -1;
     }
     std::lock_guard<std::mutex> calls(mutex);
-    std::vector<uint8_t> content;
+    // A file that fits goes in one transaction, as it is; a larger one in
+    // parts, each a cache file image of its own. A missing file is sent
+    // empty.
+    std::string content;
     if (!readWholeFile(filename, &content)) return -1;
-    ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(content.size()));
-    bool ok = false;
-    Status status;
-    {
-        zem::DaemonCall waiting;
-        status = m->sendData(content, token, &ok);
-    }
-    if (!status.isOk()) {
-        ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
-        return -1;
+    std::istringstream in(std::move(content));
+    zem::internal::CacheFileParts parts(in, kMaxSendBytes);
+    std::string part;
+    while (parts.next(&part)) {
+        const std::vector<uint8_t> bytes(part.begin(), part.end());
+        ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(bytes.size()));
+        bool ok = false;
+        Status status;
+        {
+            zem::DaemonCall waiting;
+            status = m->sendData(bytes, token, &ok);
+        }
+        if (!status.isOk()) {
+            // The file stays whole; parts already sent come again with it.
+            ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+            dropIfDead(m, status);
+            return -1;
+        }
     }
     remove(filename.c_str());
     return 0;
@@ -255,9 +274,19 @@ int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
     }
     if (!status.isOk()) {
         ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+        dropIfDead(m, status);
         return -1;
     }
     return 0;
+}
+
+void zemAIDLClient::dropIfDead(const sp<IZEMManager>& m, const Status& status) {
+    if (status.exceptionCode() != Status::EX_TRANSACTION_FAILED ||
+        status.transactionError() != android::DEAD_OBJECT) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(stateMutex);
+    if (manager == m) manager = nullptr;
 }
 
 void zemAIDLClient::forgetCollector(zem_collector* collector) {

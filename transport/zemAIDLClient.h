@@ -63,8 +63,9 @@ class zemAIDLClient : public zemTransportClient,
     int32_t registerClient(const std::string& name, uint32_t version,
                            zem_collector* collector) override;
 
-    // Sends the whole file (empty when it cannot be opened) and removes it
-    // when the call succeeded; the daemon's bool is not looked at. 0 or -1.
+    // Sends the whole file (empty when it cannot be opened), in parts of at
+    // most 256 KiB cut between records when it is larger, and removes it when
+    // every call succeeded; the daemon's bool is not looked at. 0 or -1.
     int32_t sendData(const std::string& filename, const std::string& token) override;
 
     // Tells the daemon the registration ends. The table keeps the token's
@@ -115,6 +116,11 @@ class zemAIDLClient : public zemTransportClient,
 
   private:
     zemAIDLClient() = default;
+
+    // A proxy whose daemon has died never works again: after a call failed
+    // that way the manager is dropped, so the next registration looks the
+    // service up afresh instead of failing on it forever.
+    void dropIfDead(const android::sp<IZEMManager>& m, const android::binder::Status& status);
 
     // Drops clientPtr if it still holds `self`.
     static void resetClientPtr(const zemAIDLClient* self);

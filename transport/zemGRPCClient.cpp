@@ -9,12 +9,15 @@
 #include <iterator>
 #include <mutex>
 #include <set>
+#include <sstream>
 #include <utility>
+#include <vector>
 
 #include "collector/zem_collector.h"
 #include "common/PolledLock.h"
 #include "common/ZemLog.h"
 #include "serializer/CacheFile.h"
+#include "transport/CacheFileParts.h"
 
 namespace {
 
@@ -84,6 +87,11 @@ class CallScope {
     const std::shared_ptr<zemGRPCClient::Link>& link;
     grpc::ClientContext* const context;
 };
+
+// The most file bytes one SendData carries. A daemon that keeps gRPC's
+// default refuses messages over 4 MiB, and the Data message adds its own
+// field tag and length (five bytes at this size) around the bytes.
+constexpr size_t kMaxSendBytes = 4 * 1024 * 1024 - 16;
 
 // How long a collector going away waits for a call into it to finish (for
 // example a campaign stop delivering its last file) before cancelling the
@@ -269,24 +277,35 @@ int32_t zemGRPCClient::CommandStream() {
 }
 
 int32_t zemGRPCClient::sendData(const std::string& filename, const std::string& token) {
-    olvan::Data data;
-    if (!readWholeFile(filename, data.mutable_data())) return -1;
-
-    grpc::ClientContext context;
-    context.AddMetadata("clientid", token);
-    olvan::Response response;
-    grpc::Status status;
-    {
-        CallScope scope(link, &context);
-        status = stub->SendData(&context, data, &response);
-    }
-    if (!status.ok()) {
-        ZEM_LOGE("SendData failed: %s", status.error_message().c_str());
-        return status.error_code();
+    // A file that fits goes in one call, as it is; a larger one in parts,
+    // each a cache file image of its own. A missing file is sent empty.
+    std::string content;
+    if (!readWholeFile(filename, &content)) return -1;
+    std::istringstream in(std::move(content));
+    zem::internal::CacheFileParts parts(in, kMaxSendBytes);
+    std::string part;
+    int32_t result = 0;
+    while (parts.next(&part)) {
+        olvan::Data data;
+        data.set_data(std::move(part));
+        grpc::ClientContext context;
+        context.AddMetadata("clientid", token);
+        olvan::Response response;
+        grpc::Status status;
+        {
+            CallScope scope(link, &context);
+            status = stub->SendData(&context, data, &response);
+        }
+        if (!status.ok()) {
+            // The file stays whole; parts already sent come again with it.
+            ZEM_LOGE("SendData failed: %s", status.error_message().c_str());
+            return status.error_code();
+        }
+        if (result == 0) result = response.status();
     }
     // The transport succeeded: the daemon holds the bytes, whatever its status.
     remove(filename.c_str());
-    return response.status();
+    return result;
 }
 
 int32_t zemGRPCClient::deRegisterClient(const std::string& token) {

@@ -76,8 +76,10 @@ class zemGRPCClient : public zemTransportClient {
                            zem_collector* collector) override;
 
     // Sends the whole file (empty when it cannot be read) with metadata
-    // "clientid" = token. Removes the file when the transport succeeded and
-    // returns the daemon's status; otherwise logs, keeps the file and returns
+    // "clientid" = token; a file over 4 MiB, the most a daemon with gRPC's
+    // default limits takes in one message, goes in parts cut between records.
+    // Removes the file when every call succeeded and returns the daemon's
+    // first nonzero status (or 0); otherwise logs, keeps the file and returns
     // the gRPC status code. Blocks for the transfer.
     int32_t sendData(const std::string& filename, const std::string& token) override;
 

@@ -219,7 +219,11 @@ status_t HostRuntime::sendParcelFrame(int fd, FrameHeader header, const Parcel* 
     header.magic = kFrameMagic;
     header.dataSize = parcel != nullptr ? static_cast<uint32_t>(parcel->mData.size()) : 0;
     header.objectCount = parcel != nullptr ? static_cast<uint32_t>(parcel->mObjects.size()) : 0;
-    if (parcel != nullptr && parcel->mData.size() > kMaxParcelBytes) return FAILED_TRANSACTION;
+    // A reply lands in the caller's buffer, which is no bigger than ours.
+    if (parcel != nullptr &&
+        bufferBytes(parcel->mData.size(), parcel->mObjects.size()) > kProcessBufferBytes) {
+        return FAILED_TRANSACTION;
+    }
     if (!writeFully(fd, &header, sizeof(header))) return DEAD_OBJECT;
     if (parcel == nullptr) return OK;
     if (!parcel->mData.empty() && !writeFully(fd, parcel->mData.data(), parcel->mData.size())) {
@@ -262,7 +266,11 @@ status_t HostRuntime::readParcelFrame(int fd, const FrameHeader& header, Parcel*
 
 status_t HostRuntime::transact(const std::string& ep, uint64_t id, uint32_t code,
                                const Parcel& data, Parcel* reply, uint32_t flags) {
-    if (data.dataSize() > kMaxParcelBytes) return FAILED_TRANSACTION;
+    // More than the receiver's whole buffer (half of it for a one-way call)
+    // never fits, however idle the receiver is.
+    const size_t limit =
+            (flags & IBinder::FLAG_ONEWAY) != 0 ? kOnewayBufferBytes : kProcessBufferBytes;
+    if (bufferBytes(data.mData.size(), data.mObjects.size()) > limit) return FAILED_TRANSACTION;
     FrameHeader header;
     header.kind = kTransact;
     header.object = id;
@@ -285,9 +293,19 @@ status_t HostRuntime::transact(const std::string& ep, uint64_t id, uint32_t code
     const int fd = connectAbstract(ep);
     if (fd < 0) return DEAD_OBJECT;
     status_t err = sendParcelFrame(fd, header, &data);
-    if (err != OK || (flags & IBinder::FLAG_ONEWAY) != 0) {
+    const bool sent = err == OK;
+    if ((!sent && err != DEAD_OBJECT) || (flags & IBinder::FLAG_ONEWAY) != 0) {
         close(fd);
         return err;
+    }
+    if (!sent) {
+        // The owner answered without reading the whole request: its buffer
+        // had no room for it.
+        FrameHeader answer;
+        const bool read = readFully(fd, &answer, sizeof(answer));
+        close(fd);
+        return read && answer.magic == kFrameMagic && answer.kind == kReply ? answer.status
+                                                                            : DEAD_OBJECT;
     }
     err = awaitReply(fd, reply);
     close(fd);
@@ -305,7 +323,7 @@ status_t HostRuntime::awaitReply(int fd, Parcel* reply) {
             (answer.flags & IBinder::FLAG_ONEWAY) == 0) {
             // The owner calls back into this process while serving us: this
             // thread runs the call and answers it, then waits on.
-            const status_t err = serveOn(fd, answer, peerPid(fd));
+            const status_t err = serveOn(fd, answer, peerPid(fd), false);
             if (err != OK) return err;
             continue;
         }
@@ -319,7 +337,7 @@ status_t HostRuntime::awaitReply(int fd, Parcel* reply) {
     }
 }
 
-status_t HostRuntime::serveOn(int fd, const FrameHeader& header, pid_t peer) {
+status_t HostRuntime::serveOn(int fd, const FrameHeader& header, pid_t peer, bool budgeted) {
     Parcel data;
     Parcel reply;
     status_t status = readParcelFrame(fd, header, &data);
@@ -343,6 +361,12 @@ status_t HostRuntime::serveOn(int fd, const FrameHeader& header, pid_t peer) {
         }
     } else {
         reply.freeData();
+    }
+    // The request's room is free again before the caller hears the answer,
+    // as libbinder frees the buffer along with its reply.
+    if (budgeted) {
+        mBudget.release(bufferBytes(header.dataSize, header.objectCount),
+                        (header.flags & IBinder::FLAG_ONEWAY) != 0);
     }
     if ((header.flags & IBinder::FLAG_ONEWAY) != 0) return OK;
     FrameHeader answer;
@@ -423,6 +447,19 @@ void HostRuntime::handleAccepted(int fd, const std::string& service) {
         return;
     }
     if (header.kind != kTransact) {
+        close(fd);
+        return;
+    }
+    // The transaction holds its room in this process's buffer from now until
+    // serveTransaction is done with it.
+    if (!mBudget.reserve(bufferBytes(header.dataSize, header.objectCount),
+                         (header.flags & IBinder::FLAG_ONEWAY) != 0)) {
+        if ((header.flags & IBinder::FLAG_ONEWAY) == 0) {
+            FrameHeader answer;
+            answer.kind = kReply;
+            answer.status = FAILED_TRANSACTION;
+            sendParcelFrame(fd, answer, nullptr);
+        }
         close(fd);
         return;
     }
@@ -516,7 +553,7 @@ void HostRuntime::poolLoop() {
 
 void HostRuntime::serveTransaction(const Incoming& in) {
     setReceiveTimeout(in.fd, kBodyTimeoutMs);
-    serveOn(in.fd, in.header, in.peer);
+    serveOn(in.fd, in.header, in.peer, true);
     close(in.fd);
 }
 

@@ -117,8 +117,10 @@ class HostRuntime {
     void serveTransaction(const Incoming& in);
     // Reads the request whose header is `header` from `fd`, runs it with
     // this thread marked as serving `peer`, and answers a two-way call on
-    // `fd`. DEAD_OBJECT when the request or the answer cannot be carried.
-    status_t serveOn(int fd, const FrameHeader& header, pid_t peer);
+    // `fd`; `budgeted`: the request holds room in the buffer, freed before
+    // the answer. DEAD_OBJECT when the request or the answer cannot be
+    // carried.
+    status_t serveOn(int fd, const FrameHeader& header, pid_t peer, bool budgeted);
     // Waits on `fd` for the answer to a call sent on it, running every call
     // the owner makes back into this process meanwhile.
     status_t awaitReply(int fd, Parcel* reply);
@@ -148,6 +150,9 @@ class HostRuntime {
     std::map<IBinder*, uint64_t> mObjectIds;
     std::map<std::pair<std::string, uint64_t>, wp<BpBinder>> mProxies;
     std::map<std::string, uint64_t> mServices;
+
+    // Room left in this process's transaction buffer.
+    BufferBudget mBudget;
 
     std::condition_variable mPoolCv;
     std::deque<Incoming> mQueue;

@@ -97,6 +97,26 @@ int listenAbstract(const std::string& name) {
     return fd;
 }
 
+size_t bufferBytes(size_t dataSize, size_t objectCount) {
+    auto round8 = [](size_t n) { return (n + 7) & ~static_cast<size_t>(7); };
+    return round8(dataSize) + round8(objectCount * sizeof(uint64_t));
+}
+
+bool BufferBudget::reserve(size_t bytes, bool oneway) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (bytes > kProcessBufferBytes - mUsed) return false;
+    if (oneway && bytes > kOnewayBufferBytes - mOnewayUsed) return false;
+    mUsed += bytes;
+    if (oneway) mOnewayUsed += bytes;
+    return true;
+}
+
+void BufferBudget::release(size_t bytes, bool oneway) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mUsed -= bytes;
+    if (oneway) mOnewayUsed -= bytes;
+}
+
 void setReceiveTimeout(int fd, int millis) {
     timeval tv;
     tv.tv_sec = millis / 1000;

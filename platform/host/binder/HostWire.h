@@ -34,6 +34,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <mutex>
 #include <string>
 
 namespace android {
@@ -63,6 +64,35 @@ static_assert(sizeof(FrameHeader) == 40, "frame header layout");
 
 // The largest parcel a frame may carry.
 constexpr size_t kMaxParcelBytes = 64u << 20;
+
+// A device's binder driver maps 1 MiB minus two pages into each process for
+// the transactions sent to it; every transaction in flight to the process
+// (queued or being served, until its handler returns) holds its data and
+// object offsets there, and one-way transactions may take only half of it.
+// A transaction that does not fit fails with FAILED_TRANSACTION. The host
+// runtime keeps the same account, so that a test fails where a device would.
+constexpr size_t kProcessBufferBytes = (1u << 20) - 2 * 4096;
+constexpr size_t kOnewayBufferBytes = kProcessBufferBytes / 2;
+
+// What a transaction of `dataSize` bytes with `objectCount` objects takes in
+// the receiver's buffer: the data and the offsets, each rounded up to 8 bytes
+// as the driver allocates them.
+size_t bufferBytes(size_t dataSize, size_t objectCount);
+
+// The receiving side's account of that buffer. Thread-safe.
+class BufferBudget {
+  public:
+    // Takes `bytes` for a transaction that has arrived; false (nothing taken)
+    // when it does not fit in what the transactions in flight leave free.
+    bool reserve(size_t bytes, bool oneway);
+    // Gives back what reserve took, once the transaction has been served.
+    void release(size_t bytes, bool oneway);
+
+  private:
+    std::mutex mLock;
+    size_t mUsed = 0;
+    size_t mOnewayUsed = 0;
+};
 
 constexpr uint32_t kFlatBinderType = B_PACK_CHARS('s', 'h', '*', 0x85);
 constexpr uint32_t kFlatNullType = B_PACK_CHARS('s', 'b', '*', 0x85);

@@ -1,0 +1,80 @@
+#include "transport/CacheFileParts.h"
+
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/wire_format_lite.h>
+
+#include <climits>
+#include <cstdint>
+
+namespace zem {
+namespace internal {
+
+namespace {
+
+// A KPIData holding only version = V1.
+const std::string kVersionRecord("\x08\x01", 2);
+
+// The length of the whole field at the start of `bytes`, or 0 when the bytes
+// do not hold one (malformed, or cut short).
+size_t fieldLength(const char* bytes, size_t size) {
+    const int n = size > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(size);
+    google::protobuf::io::CodedInputStream in(reinterpret_cast<const uint8_t*>(bytes), n);
+    const uint32_t tag = in.ReadTag();
+    if (tag == 0 || !google::protobuf::internal::WireFormatLite::SkipField(&in, tag)) return 0;
+    return static_cast<size_t>(in.CurrentPosition());
+}
+
+}  // namespace
+
+CacheFileParts::CacheFileParts(std::istream& in, size_t maxPartBytes)
+    : in(in), maxPartBytes(maxPartBytes) {}
+
+void CacheFileParts::fill(size_t want) {
+    while (!atEnd && pending.size() < want) {
+        const size_t have = pending.size();
+        pending.resize(want);
+        in.read(&pending[have], static_cast<std::streamsize>(want - have));
+        pending.resize(have + static_cast<size_t>(in.gcount()));
+        if (!in) atEnd = true;
+    }
+}
+
+bool CacheFileParts::next(std::string* part) {
+    part->clear();
+    fill(maxPartBytes + 1);
+    if (first) {
+        first = false;
+        if (atEnd && pending.size() <= maxPartBytes) {
+            part->swap(pending);
+            return true;
+        }
+    }
+    if (pending.empty()) return false;
+
+    size_t used = 0;
+    while (used < pending.size()) {
+        size_t len = fieldLength(pending.data() + used, pending.size() - used);
+        // A field running past what has been read: read on when the part
+        // has no record yet (a field larger than a part); otherwise it opens
+        // the next part.
+        while (len == 0 && !atEnd && part->size() <= kVersionRecord.size()) {
+            fill(pending.size() + maxPartBytes);
+            len = fieldLength(pending.data() + used, pending.size() - used);
+        }
+        if (len == 0) {
+            if (!atEnd) break;
+            len = pending.size() - used;  // the tail that is no field
+        }
+        if (part->size() > kVersionRecord.size() && part->size() + len > maxPartBytes) break;
+        const bool isVersion =
+                len == kVersionRecord.size() && pending.compare(used, len, kVersionRecord) == 0;
+        if (part->empty() && !isVersion) *part = kVersionRecord;
+        part->append(pending, used, len);
+        used += len;
+    }
+    pending.erase(0, used);
+    return true;
+}
+
+}  // namespace internal
+}  // namespace zem
