@@ -45,6 +45,32 @@ class ZEM_CAPABILITY("mutex") Mutex {
     std::mutex mu;
 };
 
+// A recursive mutex, for a lock that a callback may take again on the thread
+// that holds it. The analysis does not model the recursion: take it once per
+// function.
+class ZEM_CAPABILITY("mutex") RecursiveMutex {
+  public:
+    RecursiveMutex() = default;
+    RecursiveMutex(const RecursiveMutex&) = delete;
+    RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+
+    void lock() ZEM_ACQUIRE() { mu.lock(); }
+    void unlock() ZEM_RELEASE() { mu.unlock(); }
+    bool try_lock() ZEM_TRY_ACQUIRE(true) { return mu.try_lock(); }
+    // As Mutex::lockWithin.
+    bool lockWithin(std::chrono::milliseconds limit) ZEM_TRY_ACQUIRE(true) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        while (!mu.try_lock()) {
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+
+  private:
+    std::recursive_mutex mu;
+};
+
 // Holds `mu` for its scope.
 class ZEM_SCOPED_CAPABILITY MutexLock {
   public:
@@ -55,6 +81,18 @@ class ZEM_SCOPED_CAPABILITY MutexLock {
 
   private:
     Mutex* const mu;
+};
+
+// Holds a RecursiveMutex for its scope.
+class ZEM_SCOPED_CAPABILITY RecursiveMutexLock {
+  public:
+    explicit RecursiveMutexLock(RecursiveMutex* mu) ZEM_ACQUIRE(mu) : mu(mu) { mu->lock(); }
+    ~RecursiveMutexLock() ZEM_RELEASE() { mu->unlock(); }
+    RecursiveMutexLock(const RecursiveMutexLock&) = delete;
+    RecursiveMutexLock& operator=(const RecursiveMutexLock&) = delete;
+
+  private:
+    RecursiveMutex* const mu;
 };
 
 // A condition variable whose waits name the Mutex they release and take

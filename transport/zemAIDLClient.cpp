@@ -14,7 +14,6 @@
 
 #include "collector/zem_collector.h"
 #include "common/DaemonCall.h"
-#include "common/PolledLock.h"
 #include "common/ZemLog.h"
 #include "serializer/CacheFile.h"
 #include "transport/CacheFileParts.h"
@@ -43,9 +42,9 @@ constexpr std::chrono::seconds kCallGrace{2};
 
 // The daemon's service binder and the one death recipient, shared by every
 // instance of the process.
-std::mutex gBinderMutex;
-sp<IBinder> zemBinder;
-sp<zemAIDLClient::DeathRecipientImpl> handleOlvDeath;
+zem::Mutex gBinderMutex;
+sp<IBinder> zemBinder ZEM_GUARDED_BY(gBinderMutex);
+sp<zemAIDLClient::DeathRecipientImpl> handleOlvDeath ZEM_GUARDED_BY(gBinderMutex);
 
 // False when the file must not be sent: an entry that is not a cache file,
 // or one that cannot be read (both logged). A missing file reads as empty.
@@ -56,12 +55,12 @@ bool readWholeFile(const std::string& filename, std::string* content) {
 
 }  // namespace
 
-std::mutex zemAIDLClient::clientPtrMutex;
+zem::Mutex zemAIDLClient::clientPtrMutex;
 std::shared_ptr<zemAIDLClient> zemAIDLClient::clientPtr;
 std::vector<std::weak_ptr<zemAIDLClient>> zemAIDLClient::instances;
 
 std::shared_ptr<zemAIDLClient> zemAIDLClient::getClientInstance() {
-    std::lock_guard<std::mutex> lock(clientPtrMutex);
+    zem::MutexLock lock(&clientPtrMutex);
     if (!clientPtr) {
         clientPtr.reset(new zemAIDLClient());
         instances.erase(
@@ -76,7 +75,7 @@ std::shared_ptr<zemAIDLClient> zemAIDLClient::getClientInstance() {
 void zemAIDLClient::resetClientPtr(const zemAIDLClient* self) {
     std::shared_ptr<zemAIDLClient> old;
     {
-        std::lock_guard<std::mutex> lock(clientPtrMutex);
+        zem::MutexLock lock(&clientPtrMutex);
         if (clientPtr.get() == self) old = std::move(clientPtr);
     }
     // `old` may be the last reference: the instance goes outside the lock.
@@ -96,7 +95,7 @@ bool zemAIDLClient::setZEMBinder() {
     const sp<IBinder> binder = sm->getService(name);
     sp<IBinder> previous;
     {
-        std::lock_guard<std::mutex> lock(gBinderMutex);
+        zem::MutexLock lock(&gBinderMutex);
         previous = zemBinder;
         zemBinder = binder;
     }
@@ -108,7 +107,7 @@ bool zemAIDLClient::setZEMBinder() {
     ZEM_LOGI("%s - got new instance of zem client binder", kOp);
     sp<DeathRecipientImpl> recipient;
     {
-        std::lock_guard<std::mutex> lock(gBinderMutex);
+        zem::MutexLock lock(&gBinderMutex);
         if (handleOlvDeath == nullptr) handleOlvDeath = new DeathRecipientImpl();
         recipient = handleOlvDeath;
     }
@@ -116,7 +115,7 @@ bool zemAIDLClient::setZEMBinder() {
     ZEM_LOGI("%s: linkToDeath status: %d", kOp, linked);
 
     sp<IZEMManager> made = new BpZEMManager(binder);
-    std::lock_guard<std::mutex> lock(stateMutex);
+    zem::MutexLock lock(&stateMutex);
     manager = made;
     service = binder;
     return true;
@@ -129,7 +128,7 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
     // Recorded before anything can block, so that a forgetCollector from
     // here on cancels this registration.
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         registering[collector] = false;
     }
     // Every way out of here ends the registration's bookkeeping.
@@ -137,7 +136,7 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
         zemAIDLClient* self;
         zem_collector* collector;
         ~Done() {
-            std::lock_guard<std::mutex> lock(self->stateMutex);
+            zem::MutexLock lock(&self->stateMutex);
             self->registering.erase(collector);
         }
     } done{this, collector};
@@ -150,12 +149,12 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
     ps->startThreadPool();
     ZEM_LOGI("%s - created threadpool", kOp);
 
-    std::lock_guard<std::mutex> calls(mutex);
+    zem::MutexLock calls(&mutex);
 
     sp<IZEMManager> m;
     sp<ZEMCallbackImpl> cb;
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         m = manager;
     }
     if (m == nullptr) {
@@ -166,7 +165,7 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
         }
     }
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         if (callback == nullptr) callback = new ZEMCallbackImpl(weak_from_this());
         m = manager;
         cb = callback;
@@ -185,7 +184,7 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
     }
     ZEM_LOGI("%s success. Token received - %s", kOp, token.c_str());
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         // A collector forgotten meanwhile is being destroyed: it must not
         // enter the table, or a later event would reach freed memory.
         if (registering[collector]) return -1;
@@ -196,7 +195,7 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
         // Another collector's failed connection may have dropped this
         // instance from clientPtr meanwhile; the collectors that register
         // next must share it, or they would build a second connection.
-        std::lock_guard<std::mutex> lock(clientPtrMutex);
+        zem::MutexLock lock(&clientPtrMutex);
         if (!clientPtr) clientPtr = shared_from_this();
     }
 
@@ -211,14 +210,14 @@ int32_t zemAIDLClient::sendData(const std::string& filename, const std::string& 
     ZEM_LOGI("%s called for token - %s", kOp, token.c_str());
     sp<IZEMManager> m;
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         m = manager;
     }
     if (m == nullptr) {
         ZEM_LOGE("%s - Failed to get zem manager handle", kOp);
         return -1;
     }
-    std::lock_guard<std::mutex> calls(mutex);
+    zem::MutexLock calls(&mutex);
     // A file that fits goes in one transaction, as it is; a larger one in
     // parts, each a cache file image of its own. A missing file is sent
     // empty.
@@ -252,7 +251,7 @@ int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
     ZEM_LOGI("%s called for token - %s", kOp, token.c_str());
     sp<IZEMManager> m;
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         m = manager;
     }
     if (m == nullptr) {
@@ -262,8 +261,7 @@ int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
     // A registration or delivery that the daemon never answers holds the
     // lock for as long; a binder call cannot be cancelled, so after a grace
     // period the deregistration is given up instead of waiting with it.
-    std::unique_lock<std::mutex> calls(mutex, std::defer_lock);
-    if (!zem::lockWithin(calls, kCallGrace)) {
+    if (!mutex.lockWithin(kCallGrace)) {
         ZEM_LOGE("%s - an earlier call to the daemon is still waiting for its answer", kOp);
         return -1;
     }
@@ -272,6 +270,7 @@ int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
         zem::DaemonCall waiting;
         status = m->deregisterZEMClient(token);
     }
+    mutex.unlock();
     if (!status.isOk()) {
         ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
         dropIfDead(m, status);
@@ -285,12 +284,12 @@ void zemAIDLClient::dropIfDead(const sp<IZEMManager>& m, const Status& status) {
         status.transactionError() != android::DEAD_OBJECT) {
         return;
     }
-    std::lock_guard<std::mutex> lock(stateMutex);
+    zem::MutexLock lock(&stateMutex);
     if (manager == m) manager = nullptr;
 }
 
 void zemAIDLClient::forgetCollector(zem_collector* collector) {
-    std::unique_lock<std::mutex> lock(stateMutex);
+    zem::MutexLock lock(&stateMutex);
     for (auto it = collectors.begin(); it != collectors.end();) {
         if (it->second == collector) {
             it = collectors.erase(it);
@@ -303,13 +302,15 @@ void zemAIDLClient::forgetCollector(zem_collector* collector) {
     // A call made by this very thread (the collector going away from inside
     // its own callback) cannot be waited for.
     const std::thread::id self = std::this_thread::get_id();
-    callsDone.wait(lock, [&] {
+    for (;;) {
+        bool othersInFlight = false;
         auto range = inFlight.equal_range(collector);
         for (auto it = range.first; it != range.second; ++it) {
-            if (it->second != self) return false;
+            if (it->second != self) othersInFlight = true;
         }
-        return true;
-    });
+        if (!othersInFlight) break;
+        callsDone.wait(&stateMutex);
+    }
 }
 
 void zemAIDLClient::beginCall(zem_collector* collector) {
@@ -318,7 +319,7 @@ void zemAIDLClient::beginCall(zem_collector* collector) {
 
 void zemAIDLClient::endCall(zem_collector* collector) {
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         auto range = inFlight.equal_range(collector);
         for (auto it = range.first; it != range.second; ++it) {
             if (it->second == std::this_thread::get_id()) {
@@ -327,14 +328,14 @@ void zemAIDLClient::endCall(zem_collector* collector) {
             }
         }
     }
-    callsDone.notify_all();
+    callsDone.notifyAll();
 }
 
 template <typename Fn>
 bool zemAIDLClient::callCollector(const std::string& token, Fn&& fn) {
     zem_collector* collector = nullptr;
     {
-        std::lock_guard<std::mutex> lock(stateMutex);
+        zem::MutexLock lock(&stateMutex);
         auto it = collectors.find(token);
         if (it == collectors.end()) return false;
         collector = it->second;
@@ -378,7 +379,7 @@ void zemAIDLClient::DeathRecipientImpl::binderDied(const wp<IBinder>& who) {
     // Held for the whole call: the collectors below drop their references.
     std::vector<std::shared_ptr<zemAIDLClient>> clients;
     {
-        std::lock_guard<std::mutex> lock(clientPtrMutex);
+        zem::MutexLock lock(&clientPtrMutex);
         for (const std::weak_ptr<zemAIDLClient>& w : instances) {
             if (std::shared_ptr<zemAIDLClient> c = w.lock()) clients.push_back(std::move(c));
         }
@@ -386,7 +387,7 @@ void zemAIDLClient::DeathRecipientImpl::binderDied(const wp<IBinder>& who) {
     for (const std::shared_ptr<zemAIDLClient>& client : clients) {
         std::vector<std::pair<std::string, zem_collector*>> entries;
         {
-            std::lock_guard<std::mutex> lock(client->stateMutex);
+            zem::MutexLock lock(&client->stateMutex);
             if (client->service.get() != who.unsafe_get()) continue;
             entries.assign(client->collectors.begin(), client->collectors.end());
         }
@@ -395,7 +396,7 @@ void zemAIDLClient::DeathRecipientImpl::binderDied(const wp<IBinder>& who) {
             // An entry forgotten since the snapshot is skipped.
             zem_collector* collector = nullptr;
             {
-                std::lock_guard<std::mutex> lock(client->stateMutex);
+                zem::MutexLock lock(&client->stateMutex);
                 auto it = client->collectors.find(entry.first);
                 if (it == client->collectors.end() || it->second != entry.second) continue;
                 collector = it->second;

@@ -35,6 +35,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/Mutex.h"
 #include "transport/IZEMCallback.h"
 #include "transport/IZEMManager.h"
 #include "transport/zemTransportClient.h"
@@ -129,28 +130,28 @@ class zemAIDLClient : public zemTransportClient,
     // forgetCollector waits for it. Returns false when there is no entry.
     template <typename Fn>
     bool callCollector(const std::string& token, Fn&& fn);
-    void beginCall(zem_collector* collector);
-    void endCall(zem_collector* collector);
+    void beginCall(zem_collector* collector) ZEM_REQUIRES(stateMutex);
+    void endCall(zem_collector* collector) ZEM_EXCLUDES(stateMutex);
 
     // Serialises the calls to the daemon.
-    std::mutex mutex;
+    zem::Mutex mutex;
 
-    std::mutex stateMutex;
-    std::condition_variable callsDone;
-    android::sp<IZEMManager> manager;
+    zem::Mutex stateMutex ZEM_ACQUIRED_AFTER(mutex);
+    zem::CondVar callsDone;
+    android::sp<IZEMManager> manager ZEM_GUARDED_BY(stateMutex);
     // The daemon's service binder the manager talks to, to tell which
     // instances a death notice is for.
-    android::sp<android::IBinder> service;
-    android::sp<ZEMCallbackImpl> callback;
-    std::map<std::string, zem_collector*> collectors;
+    android::sp<android::IBinder> service ZEM_GUARDED_BY(stateMutex);
+    android::sp<ZEMCallbackImpl> callback ZEM_GUARDED_BY(stateMutex);
+    std::map<std::string, zem_collector*> collectors ZEM_GUARDED_BY(stateMutex);
     // Collectors with a registerClient in progress; true once forgotten.
-    std::map<zem_collector*, bool> registering;
+    std::map<zem_collector*, bool> registering ZEM_GUARDED_BY(stateMutex);
     // Collector calls in flight and the threads making them.
-    std::multimap<zem_collector*, std::thread::id> inFlight;
+    std::multimap<zem_collector*, std::thread::id> inFlight ZEM_GUARDED_BY(stateMutex);
 
-    static std::mutex clientPtrMutex;
-    static std::shared_ptr<zemAIDLClient> clientPtr;
+    static zem::Mutex clientPtrMutex;
+    static std::shared_ptr<zemAIDLClient> clientPtr ZEM_GUARDED_BY(clientPtrMutex);
     // Every instance made, so that a death notice reaches the collectors of
-    // one that is no longer in clientPtr. Guarded by clientPtrMutex.
-    static std::vector<std::weak_ptr<zemAIDLClient>> instances;
+    // one that is no longer in clientPtr.
+    static std::vector<std::weak_ptr<zemAIDLClient>> instances ZEM_GUARDED_BY(clientPtrMutex);
 };

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "collector/zem_collector.h"
-#include "common/PolledLock.h"
+#include "common/Mutex.h"
 #include "common/ZemLog.h"
 #include "serializer/CacheFile.h"
 #include "transport/CacheFileParts.h"
@@ -49,18 +49,18 @@ bool readWholeFile(const std::string& filename, std::string* content) {
 }  // namespace
 
 struct zemGRPCClient::Link {
-    std::recursive_mutex mutex;
-    zem_collector* collector = nullptr;  // guarded by mutex; null once forgotten
+    zem::RecursiveMutex mutex;
+    zem_collector* collector ZEM_GUARDED_BY(mutex) = nullptr;  // null once forgotten
 
     // The unary calls in flight, so that a collector going away can cancel a
     // call to a daemon that never answers. Guarded by callsMutex, never held
     // while waiting for the daemon.
-    std::mutex callsMutex;
-    std::set<grpc::ClientContext*> calls;
-    bool cancelled = false;  // set once forgotten: later calls fail at once
+    zem::Mutex callsMutex;
+    std::set<grpc::ClientContext*> calls ZEM_GUARDED_BY(callsMutex);
+    bool cancelled ZEM_GUARDED_BY(callsMutex) = false;  // set once forgotten: later calls fail
 
     void cancelCalls() {
-        std::lock_guard<std::mutex> lock(callsMutex);
+        zem::MutexLock lock(&callsMutex);
         cancelled = true;
         for (grpc::ClientContext* c : calls) c->TryCancel();
     }
@@ -74,12 +74,12 @@ class CallScope {
   public:
     CallScope(const std::shared_ptr<zemGRPCClient::Link>& link, grpc::ClientContext* context)
         : link(link), context(context) {
-        std::lock_guard<std::mutex> lock(link->callsMutex);
+        zem::MutexLock lock(&link->callsMutex);
         link->calls.insert(context);
         if (link->cancelled) context->TryCancel();
     }
     ~CallScope() {
-        std::lock_guard<std::mutex> lock(link->callsMutex);
+        zem::MutexLock lock(&link->callsMutex);
         link->calls.erase(context);
     }
 
@@ -129,7 +129,7 @@ class zemGRPCClient::StreamSession {
     // been forgotten.
     template <typename Fn>
     int withCollector(Fn&& fn) {
-        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        zem::RecursiveMutexLock lock(&link->mutex);
         return link->collector != nullptr ? fn(link->collector) : -1;
     }
 };
@@ -143,7 +143,7 @@ void zemGRPCClient::StreamSession::serve() {
         olvan::CommandResponse response;
         bool answer;
         {
-            std::lock_guard<std::recursive_mutex> lock(link->mutex);
+            zem::RecursiveMutexLock lock(&link->mutex);
             answer = zem::internal::dispatchCommand(request, link->collector, &response);
         }
         // A failed write is not acted on: the next read tells whether the
@@ -197,7 +197,7 @@ zemGRPCClient::zemGRPCClient(const std::string& target)
 
 zemGRPCClient::~zemGRPCClient() {
     {
-        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        zem::RecursiveMutexLock lock(&link->mutex);
         link->collector = nullptr;
     }
     endSession();
@@ -220,15 +220,15 @@ void zemGRPCClient::endSession() {
 }
 
 void zemGRPCClient::forgetCollector(zem_collector* collector) {
-    std::unique_lock<std::recursive_mutex> lock(link->mutex, std::defer_lock);
-    if (!zem::lockWithin(lock, kForgetGrace)) {
+    if (!link->mutex.lockWithin(kForgetGrace)) {
         // A call into the collector is stuck on the daemon: give up on it.
         link->cancelCalls();
-        lock.lock();
+        link->mutex.lock();
     }
     if (link->collector == collector) link->collector = nullptr;
     // A registration or delivery still waiting for the daemon ends now.
     link->cancelCalls();
+    link->mutex.unlock();
 }
 
 int32_t zemGRPCClient::registerClient(const std::string& name, uint32_t version,
@@ -250,7 +250,7 @@ int32_t zemGRPCClient::registerClient(const std::string& name, uint32_t version,
     printOut("Token: " + response.token() + "\n");
     printOut("Register Client success\n");
     {
-        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        zem::RecursiveMutexLock lock(&link->mutex);
         link->collector = collector;
         if (collector != nullptr) collector->setToken(response.token());
     }
@@ -266,7 +266,7 @@ int32_t zemGRPCClient::CommandStream() {
     auto s = std::make_shared<StreamSession>(channel, link);
     std::string token;
     {
-        std::lock_guard<std::recursive_mutex> lock(link->mutex);
+        zem::RecursiveMutexLock lock(&link->mutex);
         if (link->collector != nullptr) token = link->collector->getToken();
     }
     s->context.AddMetadata("clientid", token);
