@@ -254,7 +254,7 @@ Status ZemBinderService::sendData(const std::vector<uint8_t>& data, const std::s
     if (parsed) {
         JsonObject prefix;
         prefix.add("event", "window").add("clientid", token).add("file", stored);
-        lines = zemtools::formatWindows(decoded, daemon.options.json, prefix.fields() + ",");
+        lines = daemon.received(name, decoded, prefix.fields() + ",");
     }
     daemon.emit("data", f,
                 "<- " + name + " " + std::to_string(bytes.size()) + " bytes (binder), " +

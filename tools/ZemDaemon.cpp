@@ -236,7 +236,7 @@ grpc::Status ZemDaemon::SendData(grpc::ServerContext* context, const olvan::Data
     if (parsed) {
         JsonObject prefix;
         prefix.add("event", "window").add("clientid", clientid).add("file", stored);
-        lines = zemtools::formatWindows(data, options.json, prefix.fields() + ",");
+        lines = received(name, data, prefix.fields() + ",");
     }
     emit("data", f,
          "<- " + name + " " + std::to_string(request->data().size()) + " bytes, " +
@@ -245,6 +245,21 @@ grpc::Status ZemDaemon::SendData(grpc::ServerContext* context, const olvan::Data
          lines);
     response->set_status(0);
     return grpc::Status::OK;
+}
+
+std::vector<std::string> ZemDaemon::received(const std::string& client,
+                                             const olvan::KPIData& data,
+                                             const std::string& jsonPrefix) {
+    // Clients share this host's steady clock, so the clocks read now date
+    // their windows.
+    const zemtools::WallClock clock = zemtools::WallClock::now();
+    const std::shared_ptr<const LTCCampaignDef> current = currentCampaign();
+    if (options.onData) options.onData(client, data, current.get(), clock);
+    zemtools::WindowContext context;
+    context.catalog = &options.catalog;
+    context.campaign = current.get();
+    context.clock = &clock;
+    return zemtools::formatWindows(data, options.json, jsonPrefix, context);
 }
 
 olvan::CommandRequest ZemDaemon::makeCommand(Command command) {

@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -29,7 +30,9 @@
 
 #include "kpi.pb.h"
 #include "spc.grpc.pb.h"
+#include "tools/KPICatalog.h"
 #include "tools/KPIDataFormat.h"
+#include "tools/WallClock.h"
 
 struct DaemonOptions {
     bool json = false;
@@ -39,6 +42,13 @@ struct DaemonOptions {
     LTCCampaignDef campaign;
     // Seconds after a campaign start at which the daemon stops it; 0: never.
     double stopAfter = 0;
+    // Names for the KPIs of printed windows; empty: ids.
+    zemtools::KPICatalog catalog;
+    // Called with every decoded file, on the thread that received it, with
+    // the current campaign (may be null) and the clock reading of arrival.
+    std::function<void(const std::string& client, const olvan::KPIData& data,
+                       const LTCCampaignDef* campaign, const zemtools::WallClock& clock)>
+            onData;
 };
 
 class ZemDaemon final : public olvan::SPC::Service {
@@ -92,6 +102,11 @@ class ZemDaemon final : public olvan::SPC::Service {
     // "event") in JSON mode, followed by `extraLines` as they stand.
     void emit(const char* event, const zemtools::JsonObject& fields, const std::string& text,
               const std::vector<std::string>& extraLines = {});
+
+    // The printed lines of the windows of a file that `client` delivered,
+    // named and dated, after passing the file to `onData`.
+    std::vector<std::string> received(const std::string& client, const olvan::KPIData& data,
+                                      const std::string& jsonPrefix);
 
   private:
     // zemd's binder service shares the client table, storage and printing.
