@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -72,17 +73,45 @@ std::string text(double x, double y, const std::string& s, const char* anchor,
            "\" text-anchor=\"" + anchor + "\">" + esc(s) + "</text>";
 }
 
-// Frame, y ticks from 0 to `ymax` and x labels of the first, middle and last
+// The smallest of 1, 2, 4, 8 and 10 times a power of ten that reaches `v`,
+// so that quarter ticks are round numbers.
+double niceMax(double v) {
+    if (v <= 0) return 1;
+    const double p = std::pow(10.0, std::floor(std::log10(v)));
+    for (const double m : {1.0, 2.0, 4.0, 8.0, 10.0}) {
+        if (m * p >= v) return m * p;
+    }
+    return 10 * p;
+}
+
+// The y range of a chart: from 0, unless every value sits high above it (a
+// gauge around 60 fps), then a round range around the values.
+struct YRange {
+    double lo = 0, hi = 1;
+};
+
+YRange yRange(double lo, double hi) {
+    if (hi <= 0 || lo < 0.5 * hi) return {0, niceMax(hi)};
+    double span = niceMax((hi - lo) * 1.25 + hi * 1e-9);
+    for (;;) {
+        const double step = span / 4;
+        const double from = std::floor(lo / step) * step;
+        if (from + span >= hi) return {from, from + span};
+        span = niceMax(span * 1.5);
+    }
+}
+
+// Frame, y ticks over `y` and x labels of the first, middle and last
 // window.
-std::string axes(const std::vector<HtmlReport::Row>& rows, double ymax, bool yTicks) {
+std::string axes(const std::vector<HtmlReport::Row>& rows, YRange y, bool yTicks) {
     std::string out = "<rect class=\"frame\" x=\"" + co(kLeft) + "\" y=\"" + co(kTop) +
                       "\" width=\"" + co(kPlotW) + "\" height=\"" + co(kPlotH) + "\"/>";
     if (yTicks) {
         for (int i = 0; i <= 4; ++i) {
-            const double y = kTop + kPlotH - kPlotH * i / 4;
+            const double yPos = kTop + kPlotH - kPlotH * i / 4;
             out += "<line class=\"grid\" x1=\"" + co(kLeft) + "\" x2=\"" + co(kLeft + kPlotW) +
-                   "\" y1=\"" + co(y) + "\" y2=\"" + co(y) + "\"/>";
-            out += text(kLeft - 6, y + 4, num(ymax * i / 4), "end");
+                   "\" y1=\"" + co(yPos) + "\" y2=\"" + co(yPos) + "\"/>";
+            out += text(kLeft - 6, yPos + 4, num(y.lo + (y.hi - y.lo) * i / 4), "end");
         }
     }
     const size_t n = rows.size();
@@ -97,10 +126,6 @@ std::string axes(const std::vector<HtmlReport::Row>& rows, double ymax, bool yTi
     return out;
 }
 
-double niceMax(double v) {
-    return v <= 0 ? 1 : v * 1.05;
-}
-
 // Window i's x position, spread over the plot by start time.
 std::vector<double> timeX(const std::vector<HtmlReport::Row>& rows) {
     std::vector<double> xs;
@@ -113,8 +138,8 @@ std::vector<double> timeX(const std::vector<HtmlReport::Row>& rows) {
     return xs;
 }
 
-double yOf(double v, double ymax) {
-    return kTop + kPlotH - v / ymax * kPlotH;
+double yOf(double v, YRange y) {
+    return kTop + kPlotH - (v - y.lo) / (y.hi - y.lo) * kPlotH;
 }
 
 std::string polyline(const std::vector<double>& xs, const std::vector<double>& ys,
@@ -133,9 +158,9 @@ std::string marks(const std::vector<double>& xs, const std::vector<double>& ys) 
 }
 
 std::string counterChart(const std::vector<HtmlReport::Row>& rows) {
-    double ymax = 0;
-    for (const auto& r : rows) ymax = std::max(ymax, r.value);
-    ymax = niceMax(ymax);
+    double top = 0;
+    for (const auto& r : rows) top = std::max(top, r.value);
+    const YRange ymax = yRange(0, top);
     const std::vector<double> xs = timeX(rows);
     std::vector<double> ys;
     for (const auto& r : rows) ys.push_back(yOf(r.value, ymax));
@@ -143,11 +168,19 @@ std::string counterChart(const std::vector<HtmlReport::Row>& rows) {
 }
 
 std::string gaugeChart(const std::vector<HtmlReport::Row>& rows) {
-    double ymax = 0;
+    double lo = 0, hi = 0;
+    bool seen = false;
     for (const auto& r : rows) {
-        ymax = std::max({ymax, r.hasMax ? r.max : 0, r.hasMean ? r.mean : 0, r.hasMin ? r.min : 0});
+        const std::pair<bool, double> stats[] = {
+                {r.hasMin, r.min}, {r.hasMax, r.max}, {r.hasMean, r.mean}};
+        for (const auto& [has, v] : stats) {
+            if (!has) continue;
+            lo = seen ? std::min(lo, v) : v;
+            hi = seen ? std::max(hi, v) : v;
+            seen = true;
+        }
     }
-    ymax = niceMax(ymax);
+    const YRange ymax = yRange(lo, hi);
     const std::vector<double> allX = timeX(rows);
     std::string out = axes(rows, ymax, true);
     // The band over the windows that report both ends, then the mean (or
@@ -181,9 +214,9 @@ std::string gaugeChart(const std::vector<HtmlReport::Row>& rows) {
 }
 
 std::string blobChart(const std::vector<HtmlReport::Row>& rows) {
-    double ymax = 0;
-    for (const auto& r : rows) ymax = std::max(ymax, r.value);
-    ymax = niceMax(ymax);
+    double top = 0;
+    for (const auto& r : rows) top = std::max(top, r.value);
+    const YRange ymax = yRange(0, top);
     std::string out = axes(rows, ymax, true);
     const double slot = kPlotW / static_cast<double>(rows.size());
     const double w = std::max(1.0, slot * 0.8);
@@ -217,7 +250,7 @@ std::string histogramChart(const std::vector<HtmlReport::Row>& rows,
         bins = std::max(bins, r.bins.size());
         for (const uint32_t c : r.bins) max = std::max(max, c);
     }
-    std::string out = axes(rows, 0, false);
+    std::string out = axes(rows, YRange(), false);
     if (bins == 0) return out;
     const double cw = kPlotW / static_cast<double>(rows.size());
     const double ch = kPlotH / static_cast<double>(bins);
