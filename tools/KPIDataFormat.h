@@ -24,9 +24,9 @@ class WallClock;
 
 // What a tool knows beyond the records; each part may be null.
 struct WindowContext {
-    const KPICatalog* catalog = nullptr;    // names, units, bin labels
+    const KPICatalog* catalog = nullptr;       // names, units, bin labels
     const LTCCampaignDef* campaign = nullptr;  // histogram bounds for bin labels
-    const WallClock* clock = nullptr;       // wall-clock times beside steady ones
+    const WallClock* clock = nullptr;          // wall-clock times beside steady ones
 };
 
 // Parses `bytes` as one merged KPIData. False when they are not one.
@@ -46,8 +46,7 @@ std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
 // "label=count"; JSON "bin_labels") and ISO 8601 wall-clock times beside the
 // steady-clock ones (JSON "wall_start", "wall_end") where `context` allows.
 std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
-                                       const std::string& jsonPrefix,
-                                       const WindowContext& context);
+                                       const std::string& jsonPrefix, const WindowContext& context);
 
 // `text` as a JSON string literal, quotes included.
 std::string jsonString(const std::string& text);

@@ -149,9 +149,7 @@ std::vector<std::string> formatSummary(const std::vector<KPISummaryRow>& rows, b
             JsonObject o;
             o.add("id", uint64_t{r.id});
             if (names.find(r.id)) o.add("name", names.name(r.id));
-            o.add("kind", r.kind)
-                    .add("windows", r.windows)
-                    .add("samples", r.samples);
+            o.add("kind", r.kind).add("windows", r.windows).add("samples", r.samples);
             if (r.kind == "counter") o.add("sum", r.counterSum);
             if (r.haveMin) o.add("min", uint64_t{r.min});
             if (r.haveMax) o.add("max", uint64_t{r.max});

@@ -247,8 +247,7 @@ grpc::Status ZemDaemon::SendData(grpc::ServerContext* context, const olvan::Data
     return grpc::Status::OK;
 }
 
-std::vector<std::string> ZemDaemon::received(const std::string& client,
-                                             const olvan::KPIData& data,
+std::vector<std::string> ZemDaemon::received(const std::string& client, const olvan::KPIData& data,
                                              const std::string& jsonPrefix) {
     // Clients share this host's steady clock, so the clocks read now date
     // their windows.

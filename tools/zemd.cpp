@@ -69,7 +69,8 @@ void usage(FILE* out) {
             "  --html FILE            at exit, write an HTML report with a chart per KPI\n"
             "  --exec -- COMMAND...   run COMMAND in a private mount namespace (a user\n"
             "                         namespace too without root) where\n"
-            "                         /dev/socket/olvand/spc is this zemd, and HOST_BINDER_REGISTRY\n"
+            "                         /dev/socket/olvand/spc is this zemd, and "
+            "HOST_BINDER_REGISTRY\n"
             "                         (when unset) a registry of this zemd's own; wait for it\n"
             "                         and exit with its status. Without --socket, zemd serves\n"
             "                         a private socket for it. Must come last.\n"
@@ -577,7 +578,9 @@ int main(int argc, char** argv) {
             requestExit();
         } else {
             zemtools::JsonObject f;
-            f.add("state", "started").add("pid", static_cast<int64_t>(exec.pid())).add("command", command);
+            f.add("state", "started")
+                    .add("pid", static_cast<int64_t>(exec.pid()))
+                    .add("command", command);
             daemon.emit("exec", f, "started pid " + std::to_string(exec.pid()) + ": " + command);
             std::thread([&] {
                 const int status = exec.wait();

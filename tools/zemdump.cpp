@@ -79,9 +79,9 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const bool hasValue = i + 1 < argc;
         std::string error;
-        if (!hasValue && (strcmp(argv[i], "--html") == 0 || strcmp(argv[i], "--catalog") == 0 ||
-                          strcmp(argv[i], "--campaign") == 0 ||
-                          strcmp(argv[i], "--clock-ref") == 0)) {
+        if (!hasValue &&
+            (strcmp(argv[i], "--html") == 0 || strcmp(argv[i], "--catalog") == 0 ||
+             strcmp(argv[i], "--campaign") == 0 || strcmp(argv[i], "--clock-ref") == 0)) {
             fprintf(stderr, "zemdump: %s needs a value\n", argv[i]);
             return 2;
         }
