@@ -19,6 +19,14 @@ using zem_e2e::eventually;
 using zem_e2e::jsonField;
 using zem_test::TempDir;
 
+// zemd runs gRPC, whose uninstrumented code the thread sanitizer needs told
+// about.
+const bool kChildSuppressions = [] {
+    const char* old = getenv("TSAN_OPTIONS");
+    const std::string value = std::string(old ? old : "") + " suppressions=" GRPC_TSAN_SUPP;
+    return setenv("TSAN_OPTIONS", value.c_str(), 1) == 0;
+}();
+
 const char* kCampaign = R"(
 kpiCfgs { id: 10 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 10 }
 kpiCfgs { id: 11 type: KPI_NUMERIC subType: GAUGE g_cfg { min: true max: true mean: true }
