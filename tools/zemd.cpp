@@ -531,7 +531,10 @@ int main(int argc, char** argv) {
                 .add("clock_ref", zemtools::WallClock::now().reference());
         std::string metricsUrl;
         if (metrics) {
-            const std::string host = metricsAddress.substr(0, metricsAddress.rfind(':'));
+            // A bare port serves every interface.
+            const size_t colon = metricsAddress.rfind(':');
+            const std::string host =
+                    colon == std::string::npos ? "" : metricsAddress.substr(0, colon);
             metricsUrl = "http://" + (host.empty() ? "localhost" : host) + ":" +
                          std::to_string(metrics->port()) + "/metrics";
             f.add("metrics", metricsUrl);
