@@ -1,5 +1,7 @@
 # cmake --install: the public header, libzem_sdk.so, a CMake package
-# (find_package(zem_sdk CONFIG) gives zem_sdk::zem_sdk) and a pkg-config file.
+# (find_package(zem_sdk CONFIG) gives zem_sdk::zem_sdk), a pkg-config file,
+# and the development tools zemd, zemdump and zemctl with the KPI catalog's
+# schema.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -12,6 +14,10 @@ install(TARGETS zem_sdk EXPORT zem_sdkTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/zem_sdk.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+set_target_properties(zemd zemdump zemctl PROPERTIES INSTALL_RPATH "${_zem_android_libdir}")
+install(TARGETS zemd zemdump zemctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES tools/catalog.proto DESTINATION ${CMAKE_INSTALL_DATADIR}/zem_sdk)
 
 set(_zem_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zem_sdk)
 install(EXPORT zem_sdkTargets NAMESPACE zem_sdk:: DESTINATION ${_zem_cmake_dir})

@@ -29,10 +29,12 @@ class ParseErrors : public google::protobuf::io::ErrorCollector {
 
 }  // namespace
 
-bool loadCampaignFile(const std::string& file, LTCCampaignDef* def, std::string* error) {
+bool loadTextFile(const std::string& file, google::protobuf::Message* message, const char* what,
+                  std::string* error) {
     std::ifstream in(file);
     if (!in) {
-        *error = "cannot read campaign file " + file + ": " + strerror(errno) + "\n";
+        *error = std::string("cannot read ") + what + " file " + file + ": " + strerror(errno) +
+                 "\n";
         return false;
     }
     std::stringstream ss;
@@ -40,11 +42,15 @@ bool loadCampaignFile(const std::string& file, LTCCampaignDef* def, std::string*
     ParseErrors errors(file);
     google::protobuf::TextFormat::Parser parser;
     parser.RecordErrorsTo(&errors);
-    if (!parser.ParseFromString(ss.str(), def)) {
-        *error = errors.text.empty() ? file + ": not a campaign\n" : errors.text;
+    if (!parser.ParseFromString(ss.str(), message)) {
+        *error = errors.text.empty() ? file + ": not a " + what + "\n" : errors.text;
         return false;
     }
     return true;
+}
+
+bool loadCampaignFile(const std::string& file, LTCCampaignDef* def, std::string* error) {
+    return loadTextFile(file, def, "campaign", error);
 }
 
 std::vector<std::string> campaignLimitProblems(const LTCCampaignDef& def) {

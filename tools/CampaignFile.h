@@ -16,6 +16,12 @@
 
 namespace zemtools {
 
+// Reads `file` as `message` in protobuf text format; `what` names the kind of
+// file in messages ("campaign"). On failure `error` holds one line per
+// problem, the parser's as "FILE:LINE:COLUMN: message".
+bool loadTextFile(const std::string& file, google::protobuf::Message* message, const char* what,
+                  std::string* error);
+
 // Reads and parses `file`. On failure `error` holds one line per problem, the
 // parser's as "FILE:LINE:COLUMN: message", each ending in a newline.
 bool loadCampaignFile(const std::string& file, LTCCampaignDef* def, std::string* error);

@@ -11,6 +11,8 @@
 #include <tuple>
 
 #include "tools/JsonCheck.h"
+#include "tools/KPICatalog.h"
+#include "tools/WallClock.h"
 
 namespace zemtools {
 
@@ -54,22 +56,39 @@ struct Window {
     JsonObject jsonExtra;  // kind-specific JSON fields
 };
 
-std::string readable(const Window& w) {
+std::string readable(const Window& w, const WindowContext& ctx) {
     const olvan::MetaData& m = *w.meta;
-    char head[160];
-    snprintf(head, sizeof head, "id=%-5u %-9s t=%ss..%ss n=%-5" PRIu64 " ", m.id(), w.kind,
-             seconds(m.ts_start()).c_str(), seconds(m.ts_end()).c_str(), m.nof_samples());
-    return head + w.text;
+    const zemcatalog::Kpi* named = ctx.catalog ? ctx.catalog->find(m.id()) : nullptr;
+    const std::string who = named ? named->name() : "id=" + std::to_string(m.id());
+    std::string span = seconds(m.ts_start()) + "s.." + seconds(m.ts_end()) + "s";
+    if (ctx.clock && ctx.clock->known()) {
+        span += " (" + ctx.clock->iso(m.ts_start()) + ".." + ctx.clock->iso(m.ts_end()) + ")";
+    }
+    char head[256];
+    snprintf(head, sizeof head, "%-8s %-9s t=%s n=%-5" PRIu64 " ", who.c_str(), w.kind,
+             span.c_str(), m.nof_samples());
+    std::string line = head + w.text;
+    if (named && !named->unit().empty() && std::string(w.kind) != "blob") {
+        line += " [" + named->unit() + "]";
+    }
+    return line;
 }
 
-std::string asJson(const Window& w, const std::string& prefix) {
+std::string asJson(const Window& w, const std::string& prefix, const WindowContext& ctx) {
     const olvan::MetaData& m = *w.meta;
     JsonObject o;
-    o.add("id", uint64_t{m.id()})
-            .add("kind", w.kind)
+    o.add("id", uint64_t{m.id()});
+    if (const zemcatalog::Kpi* named = ctx.catalog ? ctx.catalog->find(m.id()) : nullptr) {
+        o.add("name", named->name()).add("unit", named->unit());
+    }
+    o.add("kind", w.kind)
             .add("ts_start", uint64_t{m.ts_start()})
             .add("ts_end", uint64_t{m.ts_end()})
             .add("samples", uint64_t{m.nof_samples()});
+    if (ctx.clock && ctx.clock->known()) {
+        o.add("wall_start", ctx.clock->iso(m.ts_start()))
+                .add("wall_end", ctx.clock->iso(m.ts_end()));
+    }
     std::string body = prefix + o.fields();
     if (!w.jsonExtra.fields().empty()) body += "," + w.jsonExtra.fields();
     return "{" + body + "}";
@@ -88,6 +107,14 @@ size_t windowCount(const olvan::KPIData& data) {
 
 std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
                                        const std::string& jsonPrefix) {
+    return formatWindows(data, json, jsonPrefix, WindowContext());
+}
+
+std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
+                                       const std::string& jsonPrefix,
+                                       const WindowContext& context) {
+    static const KPICatalog kNoNames;
+    const KPICatalog& names = context.catalog ? *context.catalog : kNoNames;
     std::vector<Window> windows;
     windows.reserve(windowCount(data));
 
@@ -119,14 +146,22 @@ std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
     }
     for (const auto& h : data.histograms()) {
         Window w{&h.meta(), "histogram", "bins=[", {}};
-        std::string arr = "[";
+        const std::vector<std::string> labels = names.binLabels(
+                h.meta().id(), static_cast<size_t>(h.bin_counts_size()), context.campaign);
+        std::string arr = "[", labelArr = "[";
         for (int i = 0; i < h.bin_counts_size(); ++i) {
             const std::string n = std::to_string(h.bin_counts(i));
-            w.text += (i ? " " : "") + n;
+            if (labels.empty()) {
+                w.text += (i ? " " : "") + n;
+            } else {
+                w.text += (i ? ", " : "") + labels[static_cast<size_t>(i)] + "=" + n;
+                labelArr += (i ? "," : "") + jsonString(labels[static_cast<size_t>(i)]);
+            }
             arr += (i ? "," : "") + n;
         }
         w.text += "]";
         w.jsonExtra.addRaw("bins", arr + "]");
+        if (!labels.empty()) w.jsonExtra.addRaw("bin_labels", labelArr + "]");
         windows.push_back(std::move(w));
     }
     for (const auto& b : data.blobs()) {
@@ -145,7 +180,9 @@ std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
 
     std::vector<std::string> lines;
     lines.reserve(windows.size());
-    for (const Window& w : windows) lines.push_back(json ? asJson(w, jsonPrefix) : readable(w));
+    for (const Window& w : windows) {
+        lines.push_back(json ? asJson(w, jsonPrefix, context) : readable(w, context));
+    }
     return lines;
 }
 
@@ -232,7 +269,8 @@ void CacheFileIndex::windowAt(uint32_t pos, olvan::KPIData* out) const {
     out->ParseFromArray(file->data() + pos, static_cast<int>(end - pos));
 }
 
-void CacheFileIndex::forEachLine(bool json, const std::string& jsonPrefix, const LineSink& line) {
+void CacheFileIndex::forEachLine(bool json, const std::string& jsonPrefix, const LineSink& line,
+                                 const WindowContext& context) {
     // formatWindows groups windows by kind, then sorts stably by start and
     // id: among equal keys, kind order first and file order within a kind.
     std::sort(entries.begin(), entries.end(), [this](const Entry& a, const Entry& b) {
@@ -246,7 +284,7 @@ void CacheFileIndex::forEachLine(bool json, const std::string& jsonPrefix, const
     for (const Entry& e : entries) {
         one.Clear();
         windowAt(e.pos, &one);
-        for (const std::string& l : formatWindows(one, json, jsonPrefix)) line(l);
+        for (const std::string& l : formatWindows(one, json, jsonPrefix, context)) line(l);
     }
 }
 

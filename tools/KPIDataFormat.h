@@ -15,9 +15,20 @@
 #include <string>
 #include <vector>
 
+#include "kpi.pb.h"
 #include "metric.pb.h"
 
 namespace zemtools {
+
+class KPICatalog;
+class WallClock;
+
+// What a tool knows beyond the records; each part may be null.
+struct WindowContext {
+    const KPICatalog* catalog = nullptr;       // names, units, bin labels
+    const LTCCampaignDef* campaign = nullptr;  // histogram bounds for bin labels
+    const WallClock* clock = nullptr;          // wall-clock times beside steady ones
+};
 
 // Parses `bytes` as one merged KPIData. False when they are not one.
 bool decodeCacheBytes(const std::string& bytes, olvan::KPIData* data);
@@ -31,6 +42,12 @@ size_t windowCount(const olvan::KPIData& data);
 // with the fields in `jsonPrefix` (for example "\"file\":\"x\"," or empty).
 std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
                                        const std::string& jsonPrefix);
+// The same with names from the catalog in place of ids ("name", "unit" in
+// JSON), bins labelled by the catalog or the campaign's bounds (readable
+// "label=count"; JSON "bin_labels") and ISO 8601 wall-clock times beside the
+// steady-clock ones (JSON "wall_start", "wall_end") where `context` allows.
+std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
+                                       const std::string& jsonPrefix, const WindowContext& context);
 
 // Receives printed lines one at a time.
 using LineSink = std::function<void(const std::string&)>;
@@ -53,7 +70,8 @@ class CacheFileIndex {
     // The version field as a merged parse sees it (the last one wins).
     int version() const { return lastVersion; }
     // formatWindows' lines, in its order (window start, then id).
-    void forEachLine(bool json, const std::string& jsonPrefix, const LineSink& line);
+    void forEachLine(bool json, const std::string& jsonPrefix, const LineSink& line,
+                     const WindowContext& context = WindowContext());
     // Each window as a KPIData of its own, in file order.
     void forEachWindow(const std::function<void(const olvan::KPIData&)>& window);
 

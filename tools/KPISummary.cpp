@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <limits>
 
+#include "tools/KPICatalog.h"
 #include "tools/KPIDataFormat.h"
 
 namespace zemtools {
@@ -149,15 +150,17 @@ std::string bar(uint64_t value, uint64_t max, size_t width) {
     return out;
 }
 
-std::vector<std::string> formatSummary(const std::vector<KPISummaryRow>& rows, bool json) {
+std::vector<std::string> formatSummary(const std::vector<KPISummaryRow>& rows, bool json,
+                                       const WindowContext& context) {
+    static const KPICatalog kNoNames;
+    const KPICatalog& names = context.catalog ? *context.catalog : kNoNames;
     std::vector<std::string> lines;
     if (json) {
         for (const KPISummaryRow& r : rows) {
             JsonObject o;
-            o.add("id", uint64_t{r.id})
-                    .add("kind", r.kind)
-                    .add("windows", r.windows)
-                    .add("samples", r.samples);
+            o.add("id", uint64_t{r.id});
+            if (names.find(r.id)) o.add("name", names.name(r.id));
+            o.add("kind", r.kind).add("windows", r.windows).add("samples", r.samples);
             if (r.kind == "counter") o.add("sum", r.counterSum);
             if (r.haveMin) o.add("min", uint64_t{r.min});
             if (r.haveMax) o.add("max", uint64_t{r.max});
@@ -208,14 +211,18 @@ std::vector<std::string> formatSummary(const std::vector<KPISummaryRow>& rows, b
         } else {
             totals = "bytes=" + std::to_string(r.blobBytes);
         }
-        snprintf(buf, sizeof buf, "%-10u %-9s %8" PRIu64 " %10" PRIu64 "  ", r.id, r.kind.c_str(),
-                 r.windows, r.samples);
+        snprintf(buf, sizeof buf, "%-10s %-9s %8" PRIu64 " %10" PRIu64 "  ",
+                 names.name(r.id).c_str(), r.kind.c_str(), r.windows, r.samples);
         lines.push_back(buf + totals);
     }
     for (const KPISummaryRow& r : rows) {
         if (r.kind != "histogram" || r.binTotals.empty()) continue;
         lines.push_back("");
-        lines.push_back("KPI " + std::to_string(r.id) + " histogram, samples per bin:");
+        lines.push_back(names.describe(r.id) + " histogram, samples per bin:");
+        const std::vector<std::string> labels =
+                names.binLabels(r.id, r.binTotals.size(), context.campaign);
+        size_t width = 3;
+        for (const std::string& l : labels) width = std::max(width, l.size());
         const uint64_t top = *std::max_element(r.binTotals.begin(), r.binTotals.end());
         for (size_t i = 0; i < r.binTotals.size(); ++i) {
             std::string b = bar(r.binTotals[i], top);
@@ -223,8 +230,13 @@ std::vector<std::string> formatSummary(const std::vector<KPISummaryRow>& rows, b
             size_t cells = 0;
             for (const char c : b) cells += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
             b.append(40 - std::min<size_t>(40, cells), ' ');
-            snprintf(buf, sizeof buf, "  bin %-3zu %s %" PRIu64, i, b.c_str(), r.binTotals[i]);
-            lines.push_back(buf);
+            if (labels.empty()) {
+                snprintf(buf, sizeof buf, "  bin %-3zu %s %" PRIu64, i, b.c_str(), r.binTotals[i]);
+                lines.push_back(buf);
+            } else {
+                lines.push_back("  " + labels[i] + std::string(width - labels[i].size() + 1, ' ') +
+                                b + " " + std::to_string(r.binTotals[i]));
+            }
         }
     }
     bool header = false;
@@ -238,7 +250,7 @@ std::vector<std::string> formatSummary(const std::vector<KPISummaryRow>& rows, b
         std::vector<double> values;
         for (const auto& p : r.series) values.push_back(p.second);
         double top = *std::max_element(values.begin(), values.end());
-        snprintf(buf, sizeof buf, "  %-10u %-9s ", r.id, r.kind.c_str());
+        snprintf(buf, sizeof buf, "  %-10s %-9s ", names.name(r.id).c_str(), r.kind.c_str());
         lines.push_back(buf + sparkline(values) + "  " + seriesLabel(r) + ", max " + number(top));
     }
     return lines;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "metric.pb.h"
+#include "tools/KPIDataFormat.h"
 
 namespace zemtools {
 
@@ -64,7 +65,8 @@ std::string sparkline(const std::vector<double>& values, size_t width = 60);
 std::string bar(uint64_t value, uint64_t max, size_t width = 40);
 
 // The readable table with bar charts and sparklines, or one JSON object per
-// row with `json`.
-std::vector<std::string> formatSummary(const std::vector<KPISummaryRow>& rows, bool json);
+// row with `json`; KPIs named and bins labelled as `context` allows.
+std::vector<std::string> formatSummary(const std::vector<KPISummaryRow>& rows, bool json,
+                                       const WindowContext& context = WindowContext());
 
 }  // namespace zemtools

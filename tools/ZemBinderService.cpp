@@ -259,8 +259,7 @@ Status ZemBinderService::sendData(const std::vector<uint8_t>& data, const std::s
                         (parsed ? std::to_string(windows) + " windows" : "NOT a KPIData") +
                         (stored.empty() ? "" : ", stored " + stored),
                 [&](const zemtools::LineSink& line) {
-                    if (parsed)
-                        decoded.forEachLine(daemon.options.json, prefix.fields() + ",", line);
+                    if (parsed) daemon.received(name, decoded, prefix.fields() + ",", line);
                 });
     *result = true;
     return Status::ok();

@@ -251,10 +251,30 @@ grpc::Status ZemDaemon::SendData(grpc::ServerContext* context, const olvan::Data
                  (parsed ? std::to_string(windows) + " windows" : "NOT a KPIData") +
                  (stored.empty() ? "" : ", stored " + stored),
          [&](const zemtools::LineSink& line) {
-             if (parsed) data.forEachLine(options.json, prefix.fields() + ",", line);
+             if (parsed) received(name, data, prefix.fields() + ",", line);
          });
     response->set_status(0);
     return grpc::Status::OK;
+}
+
+void ZemDaemon::received(const std::string& client, zemtools::CacheFileIndex& data,
+                         const std::string& jsonPrefix, const zemtools::LineSink& line) {
+    // Clients share this host's steady clock, so the clocks read now date
+    // their windows.
+    const zemtools::WallClock clock = zemtools::WallClock::now();
+    const std::shared_ptr<const LTCCampaignDef> current = currentCampaign();
+    if (options.onFile) options.onFile(client);
+    // Window by window, so that a large file never sits decoded whole.
+    if (options.onData) {
+        data.forEachWindow([&](const olvan::KPIData& one) {
+            options.onData(client, one, current.get(), clock);
+        });
+    }
+    zemtools::WindowContext context;
+    context.catalog = &options.catalog;
+    context.campaign = current.get();
+    context.clock = &clock;
+    data.forEachLine(options.json, jsonPrefix, line, context);
 }
 
 olvan::CommandRequest ZemDaemon::makeCommand(Command command) {

@@ -30,7 +30,9 @@
 
 #include "kpi.pb.h"
 #include "spc.grpc.pb.h"
+#include "tools/KPICatalog.h"
 #include "tools/KPIDataFormat.h"
+#include "tools/WallClock.h"
 
 struct DaemonOptions {
     bool json = false;
@@ -40,6 +42,16 @@ struct DaemonOptions {
     LTCCampaignDef campaign;
     // Seconds after a campaign start at which the daemon stops it; 0: never.
     double stopAfter = 0;
+    // Names for the KPIs of printed windows; empty: ids.
+    zemtools::KPICatalog catalog;
+    // Called with every window of a delivered file, each as a KPIData of its
+    // own, on the thread that received it, with
+    // the current campaign (may be null) and the clock reading of arrival.
+    std::function<void(const std::string& client, const olvan::KPIData& data,
+                       const LTCCampaignDef* campaign, const zemtools::WallClock& clock)>
+            onData;
+    // Called once per delivered file that decodes, before its windows.
+    std::function<void(const std::string& client)> onFile;
 };
 
 class ZemDaemon final : public olvan::SPC::Service {
@@ -97,6 +109,11 @@ class ZemDaemon final : public olvan::SPC::Service {
     // so that a file of many windows is printed without holding its lines.
     void emit(const char* event, const zemtools::JsonObject& fields, const std::string& text,
               const std::function<void(const zemtools::LineSink&)>& lines);
+
+    // Passes each window of a file that `client` delivered to `onData`, then
+    // gives `line` the windows' printed lines, named and dated.
+    void received(const std::string& client, zemtools::CacheFileIndex& data,
+                  const std::string& jsonPrefix, const zemtools::LineSink& line);
 
   private:
     // zemd's binder service shares the client table, storage and printing.

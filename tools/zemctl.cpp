@@ -16,6 +16,7 @@
 
 #include "collector/zem_collector.h"
 #include "tools/CampaignFile.h"
+#include "tools/KPICatalog.h"
 
 namespace {
 
@@ -52,6 +53,7 @@ void usage(FILE* out) {
             "  --socket PATH          zemd's service socket (default %s);\n"
             "                         the control socket is PATH.ctl\n"
             "  --control-socket PATH  zemd's control socket, when zemd was given one\n"
+            "  --catalog FILE         name KPIs in check's warnings by this KPI catalog\n"
             "  -v, --verbose          also print what zemd did (how many clients got a\n"
             "                         command) and, for check, every library log line\n"
             "  -h, --help             this text\n"
@@ -135,11 +137,12 @@ int talk(const std::string& path, const std::string& command, bool verbose) {
 }
 
 // Things a client accepts but that rarely mean what their author wanted.
-std::vector<std::string> campaignWarnings(const LTCCampaignDef& def) {
+std::vector<std::string> campaignWarnings(const LTCCampaignDef& def,
+                                          const zemtools::KPICatalog& catalog) {
     std::vector<std::string> out;
     std::set<int32_t> seen;
     for (const KPICfg& k : def.kpicfgs()) {
-        const std::string id = "KPI " + std::to_string(k.id()) + ": ";
+        const std::string id = catalog.describe(static_cast<uint32_t>(k.id())) + ": ";
         if (!seen.insert(k.id()).second) {
             out.push_back(id + "listed more than once; the last entry wins");
         }
@@ -171,7 +174,7 @@ std::vector<std::string> campaignWarnings(const LTCCampaignDef& def) {
 
 // Starts the campaign in `file` on an in-process collector that has no
 // transport, with the library's log captured. Returns the exit status.
-int check(const std::string& file, bool verbose) {
+int check(const std::string& file, bool verbose, const zemtools::KPICatalog& catalog) {
     LTCCampaignDef def;
     std::string error;
     if (!zemtools::loadCampaignFile(file, &def, &error)) {
@@ -234,7 +237,7 @@ int check(const std::string& file, bool verbose) {
         const bool isError = line.find(" E ") != std::string::npos;
         if (verbose || isError) fprintf(stderr, "%s\n", line.c_str());
     }
-    for (const std::string& w : campaignWarnings(def)) {
+    for (const std::string& w : campaignWarnings(def, catalog)) {
         fprintf(stderr, "zemctl: %s: warning: %s\n", file.c_str(), w.c_str());
     }
     if (rc != 0) {
@@ -251,6 +254,7 @@ int main(int argc, char** argv) {
     std::string socketPath = kDefaultSocket;
     std::string controlPath;
     bool verbose = false;
+    zemtools::KPICatalog catalog;
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -271,6 +275,12 @@ int main(int argc, char** argv) {
             if (socketPath.rfind("unix:", 0) == 0) socketPath.erase(0, 5);
         } else if (arg == "--control-socket") {
             controlPath = value("--control-socket");
+        } else if (arg == "--catalog") {
+            std::string error;
+            if (!catalog.load(value("--catalog"), &error)) {
+                fprintf(stderr, "zemctl: bad catalog file:\n%s", error.c_str());
+                return kExitUsage;
+            }
         } else if (arg.size() > 1 && arg[0] == '-' && words.empty()) {
             fprintf(stderr, "zemctl: unknown option %s (see zemctl --help)\n", arg.c_str());
             return kExitUsage;
@@ -298,7 +308,7 @@ int main(int argc, char** argv) {
                 command.c_str());
         return kExitUsage;
     }
-    if (command == "check") return check(words[1], verbose);
+    if (command == "check") return check(words[1], verbose, catalog);
 
     std::string line = command;
     if (command == "push") {

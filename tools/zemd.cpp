@@ -23,8 +23,11 @@
 #include <vector>
 
 #include "tools/CampaignFile.h"
+#include "tools/HtmlReport.h"
+#include "tools/MetricsExporter.h"
 #include "tools/ZemBinderService.h"
 #include "tools/ZemDaemon.h"
+#include "tools/ZemExec.h"
 #include "tools/ZemFault.h"
 
 namespace {
@@ -33,7 +36,7 @@ namespace {
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 2;  // bad option or campaign file
 constexpr int kExitSocket = 3;
-constexpr int kExitOutDir = 4;
+constexpr int kExitOutDir = 4;  // also: the --html report cannot be written
 
 constexpr const char* kDefaultSocket = "/dev/socket/olvand/spc";
 
@@ -59,6 +62,18 @@ void usage(FILE* out) {
             "  --stop-after SECONDS   stop each client's campaign this long after starting it\n"
             "  --out DIR              store each delivered file in DIR (created if missing)\n"
             "  --json                 print events and windows as JSON lines\n"
+            "  --catalog FILE         KPI names, units and bin labels (zemcatalog.Catalog in\n"
+            "                         protobuf text format, see tools/catalog.proto)\n"
+            "  --metrics ADDR:PORT    serve Prometheus metrics at http://ADDR:PORT/metrics\n"
+            "                         (PORT 0: any free port, printed when listening)\n"
+            "  --html FILE            at exit, write an HTML report with a chart per KPI\n"
+            "  --exec -- COMMAND...   run COMMAND in a private mount namespace (a user\n"
+            "                         namespace too without root) where\n"
+            "                         /dev/socket/olvand/spc is this zemd, and "
+            "HOST_BINDER_REGISTRY\n"
+            "                         (when unset) a registry of this zemd's own; wait for it\n"
+            "                         and exit with its status. Without --socket, zemd serves\n"
+            "                         a private socket for it. Must come last.\n"
             "  --control              also read control commands from standard input, one\n"
             "                         per line; end of input quits\n"
             "  --default-receive-limit  keep gRPC's default 4 MiB limit on received messages,\n"
@@ -79,7 +94,9 @@ void usage(FILE* out) {
             "\n"
             "It runs until SIGINT or SIGTERM (or quit). Exit status: 0 after a clean stop,\n"
             "2 for a bad option or campaign file, 3 when a socket cannot be served,\n"
-            "4 when the output folder cannot be written.\n"
+            "4 when the output folder or the report cannot be written; with --exec, the\n"
+            "command's status (126: no namespace could be made, 127: no such command).\n"
+            "Window times are printed in steady-clock seconds and, beside them, in UTC.\n"
             "\n"
             "examples:\n"
             "  zemd --campaign examples/frame_pipeline.campaign.txtpb --stop-after 6 --out "
@@ -87,7 +104,9 @@ void usage(FILE* out) {
             "  zemd --socket /tmp/spc.sock --campaign c.txtpb --json | grep "
             "'\"event\":\"window\"'\n"
             "  zemd --socket /tmp/spc.sock &  zemctl --socket /tmp/spc.sock push c.txtpb\n"
-            "  zemdump /tmp/zem/*.kpidata\n",
+            "  zemdump /tmp/zem/*.kpidata\n"
+            "  zemd --campaign c.txtpb --metrics 127.0.0.1:9464 --html report.html \\\n"
+            "       --exec -- ./my_client\n",
             kDefaultSocket);
 }
 
@@ -358,6 +377,9 @@ int main(int argc, char** argv) {
     std::string campaignFile;
     bool control = false;
     bool defaultReceiveLimit = false;
+    bool socketGiven = false;
+    std::string catalogFile, metricsAddress, htmlPath;
+    std::vector<std::string> execArgv;
 
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -373,6 +395,7 @@ int main(int argc, char** argv) {
             return kExitOk;
         } else if (arg == "--socket") {
             socketPath = value("--socket");
+            socketGiven = true;
             if (socketPath.rfind("unix:", 0) == 0) socketPath.erase(0, 5);
         } else if (arg == "--control-socket") {
             controlPath = value("--control-socket");
@@ -391,6 +414,19 @@ int main(int argc, char** argv) {
             options.outDir = value("--out");
         } else if (arg == "--json") {
             options.json = true;
+        } else if (arg == "--catalog") {
+            catalogFile = value("--catalog");
+        } else if (arg == "--metrics") {
+            metricsAddress = value("--metrics");
+        } else if (arg == "--html") {
+            htmlPath = value("--html");
+        } else if (arg == "--exec") {
+            if (i + 1 < argc && strcmp(argv[i + 1], "--") == 0) ++i;
+            for (++i; i < argc; ++i) execArgv.push_back(argv[i]);
+            if (execArgv.empty()) {
+                fprintf(stderr, "zemd: --exec needs a command\n");
+                return kExitUsage;
+            }
         } else if (arg == "--control") {
             control = true;
         } else if (arg == "--default-receive-limit") {
@@ -414,7 +450,50 @@ int main(int argc, char** argv) {
         if (!loadCampaign(campaignFile, &options.campaign)) return kExitUsage;
         options.haveCampaign = true;
     }
+    zemtools::KPICatalog catalog;
+    if (!catalogFile.empty()) {
+        std::string error;
+        if (!catalog.load(catalogFile, &error)) {
+            fprintf(stderr, "zemd: bad catalog file:\n%s", error.c_str());
+            return kExitUsage;
+        }
+        options.catalog = catalog;
+    }
     if (!options.outDir.empty() && !prepareOutDir(options.outDir)) return kExitOutDir;
+    // The command of --exec meets this zemd alone: on a socket of its own
+    // unless one was given, and in a binder registry of its own unless the
+    // environment names one.
+    std::string execDir;
+    if (!execArgv.empty()) {
+        const char* tmp = getenv("TMPDIR");
+        execDir = std::string(tmp && *tmp ? tmp : "/tmp") + "/zemd-exec.XXXXXX";
+        if (mkdtemp(&execDir[0]) == nullptr) {
+            fprintf(stderr, "zemd: cannot create a folder for --exec: %s\n", strerror(errno));
+            return kExitSocket;
+        }
+        if (!socketGiven) socketPath = execDir + "/spc";
+        if (getenv("HOST_BINDER_REGISTRY") == nullptr) {
+            setenv("HOST_BINDER_REGISTRY", ("zemd-exec-" + std::to_string(getpid())).c_str(), 1);
+        }
+    }
+    std::unique_ptr<zemtools::MetricsExporter> metrics;
+    if (!metricsAddress.empty()) {
+        std::string error;
+        metrics = zemtools::MetricsExporter::start(metricsAddress, &error);
+        if (!metrics) {
+            fprintf(stderr, "zemd: %s\n", error.c_str());
+            return kExitSocket;
+        }
+    }
+    zemtools::HtmlReport report;
+    options.onData = [&](const std::string& client, const olvan::KPIData& data,
+                         const LTCCampaignDef* campaign, const zemtools::WallClock& clock) {
+        if (metrics) metrics->add(client, data, catalog, campaign, clock);
+        if (!htmlPath.empty()) report.add(client, data, clock);
+    };
+    options.onFile = [&](const std::string& client) {
+        if (metrics) metrics->addFile(client);
+    };
     if (controlPath.empty()) controlPath = socketPath + ".ctl";
     if (controlPath == socketPath) {
         fprintf(stderr, "zemd: --control-socket must differ from --socket\n");
@@ -455,7 +534,19 @@ int main(int argc, char** argv) {
                 .add("kpis", options.campaign.kpicfgs_size())
                 .add("stop_after", options.stopAfter)
                 .add("out", options.outDir)
-                .add("faults", zemfault::describe());
+                .add("faults", zemfault::describe())
+                .add("catalog", catalogFile)
+                .add("clock_ref", zemtools::WallClock::now().reference());
+        std::string metricsUrl;
+        if (metrics) {
+            // A bare port serves every interface.
+            const size_t colon = metricsAddress.rfind(':');
+            const std::string host =
+                    colon == std::string::npos ? "" : metricsAddress.substr(0, colon);
+            metricsUrl = "http://" + (host.empty() ? "localhost" : host) + ":" +
+                         std::to_string(metrics->port()) + "/metrics";
+            f.add("metrics", metricsUrl);
+        }
         std::string text = "unix:" + socketPath + " pid " + std::to_string(getpid());
         if (options.haveCampaign) {
             text += ", campaign " + campaignFile + " (" +
@@ -467,6 +558,7 @@ int main(int argc, char** argv) {
             text += buf;
         }
         if (!options.outDir.empty()) text += ", files stored in " + options.outDir;
+        if (metrics) text += ", metrics on " + metricsUrl;
         daemon.emit("listening", f, text);
     }
 
@@ -482,9 +574,51 @@ int main(int argc, char** argv) {
     if (control) std::thread(stdinControlLoop, &daemon).detach();
     std::thread(controlSocketLoop, &daemon, controlFd).detach();
 
+    zemtools::ZemExec exec;
+    std::mutex execMutex;
+    std::condition_variable execCv;
+    bool execDone = false;
+    int execStatus = kExitOk;
+    if (!execArgv.empty()) {
+        std::string error;
+        std::string command;
+        for (const std::string& a : execArgv) command += (command.empty() ? "" : " ") + a;
+        if (!exec.start(execArgv, socketPath, execDir, &error, &execStatus)) {
+            fprintf(stderr, "zemd: --exec: %s\n", error.c_str());
+            execDone = true;
+            requestExit();
+        } else {
+            zemtools::JsonObject f;
+            f.add("state", "started")
+                    .add("pid", static_cast<int64_t>(exec.pid()))
+                    .add("command", command);
+            daemon.emit("exec", f, "started pid " + std::to_string(exec.pid()) + ": " + command);
+            std::thread([&] {
+                const int status = exec.wait();
+                zemtools::JsonObject done;
+                done.add("state", "exited").add("status", status);
+                daemon.emit("exec", done, "exited with status " + std::to_string(status));
+                {
+                    std::lock_guard<std::mutex> lock(execMutex);
+                    execStatus = status;
+                    execDone = true;
+                }
+                execCv.notify_all();
+                requestExit();
+            }).detach();
+        }
+    }
+
     {
         std::unique_lock<std::mutex> lock(gExitMutex);
         gExitCv.wait(lock, [] { return gExitRequested; });
+    }
+
+    if (!execArgv.empty()) {
+        // Stopped by a signal or quit while the command still runs.
+        exec.terminate(5000);
+        std::unique_lock<std::mutex> lock(execMutex);
+        execCv.wait(lock, [&] { return execDone; });
     }
 
     daemon.shutdown();
@@ -494,9 +628,27 @@ int main(int argc, char** argv) {
     for (const std::string& path : {socketPath, controlPath}) {
         if (lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) unlink(path.c_str());
     }
+    int status = execArgv.empty() ? kExitOk : execStatus;
+    if (!execDir.empty()) {
+        rmdir((execDir + "/host-dev").c_str());
+        rmdir(execDir.c_str());
+    }
+    if (!htmlPath.empty()) {
+        std::string error;
+        const std::shared_ptr<const LTCCampaignDef> campaign = daemon.currentCampaign();
+        if (report.write(htmlPath, "zemd report", catalog, campaign.get(), &error)) {
+            zemtools::JsonObject f;
+            f.add("file", htmlPath).add("charts", uint64_t{report.chartCount()});
+            daemon.emit("report", f,
+                        htmlPath + " (" + std::to_string(report.chartCount()) + " charts)");
+        } else {
+            fprintf(stderr, "zemd: %s\n", error.c_str());
+            if (status == kExitOk) status = kExitOutDir;
+        }
+    }
     daemon.emit("exit", zemtools::JsonObject(), "stopped");
     fflush(stdout);
     // Detached threads may still sit in sigwait or a read of standard input;
     // leave without running destructors under them.
-    _exit(kExitOk);
+    _exit(status);
 }

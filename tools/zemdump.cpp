@@ -1,6 +1,7 @@
 // zemdump: prints the windows held in cache files, or a summary per KPI.
 //
-//   zemdump [--json] [--summary] FILE...
+//   zemdump [--json] [--summary] [--html OUT.html] [--catalog FILE] [--campaign FILE]
+//           [--clock-ref STEADY=WALL] FILE...
 //
 // Each file is decoded as one KPIData (the concatenation of its records) and
 // every window is printed as one line, one window in memory at a time (the
@@ -14,8 +15,12 @@
 #include <string>
 #include <vector>
 
+#include "tools/CampaignFile.h"
+#include "tools/HtmlReport.h"
+#include "tools/KPICatalog.h"
 #include "tools/KPIDataFormat.h"
 #include "tools/KPISummary.h"
+#include "tools/WallClock.h"
 
 namespace {
 
@@ -35,7 +40,8 @@ bool readFile(const std::string& path, std::string* out) {
 
 void usage(FILE* out) {
     fprintf(out,
-            "usage: zemdump [--json] [--summary] FILE...\n"
+            "usage: zemdump [--json] [--summary] [--html OUT.html] [--catalog FILE]\n"
+            "               [--campaign FILE] [--clock-ref STEADY=WALL] FILE...\n"
             "\n"
             "Decodes zem_sdk cache files (kpidata.<seconds>, or the files zemd stores)\n"
             "and prints one line per aggregation window: KPI id, kind, window span in\n"
@@ -49,6 +55,17 @@ void usage(FILE* out) {
             "              chart of each histogram's bin totals and a sparkline of each\n"
             "              numeric KPI over its windows in time order. With --json: one\n"
             "              JSON object per KPI, the per-window values in \"series\".\n"
+            "  --html OUT    also write one self-contained HTML page with a chart per KPI\n"
+            "              (time series, min-max bands, bin heat maps, blob sizes) and\n"
+            "              a table of its windows\n"
+            "  --catalog FILE   KPI names, units and bin labels (see tools/catalog.proto)\n"
+            "  --campaign FILE  the campaign the files were written under: histogram\n"
+            "              bins are labelled by its bounds, \"(10, 20]\" for bin 1\n"
+            "  --clock-ref STEADY=WALL   date windows in UTC from one reference pair: a\n"
+            "              steady-clock time in seconds and the wall-clock time at that\n"
+            "              instant (ISO 8601 or Unix seconds), as zemd prints it in\n"
+            "              \"clock_ref\" when it starts; \"now\" reads this host's clocks\n"
+            "              (for files written on this host since it booted)\n"
             "\n"
             "Exit status: 0 when every file decoded, 1 when one could not be read or is\n"
             "not a cache file (the others are still printed), 2 for a usage error.\n"
@@ -56,7 +73,9 @@ void usage(FILE* out) {
             "examples:\n"
             "  zemdump /data/vendor/camera/zem/kpidata.1700000000\n"
             "  zemdump --json out/*.kpidata | grep '\"kind\":\"histogram\"'\n"
-            "  zemdump --summary out/*.kpidata\n");
+            "  zemdump --summary out/*.kpidata\n"
+            "  zemdump --catalog names.txtpb --campaign c.txtpb --clock-ref now \\\n"
+            "          --html report.html out/*.kpidata\n");
 }
 
 }  // namespace
@@ -65,8 +84,39 @@ int main(int argc, char** argv) {
     bool json = false;
     bool summary = false;
     std::vector<std::string> files;
+    std::string htmlPath;
+    zemtools::KPICatalog catalog;
+    LTCCampaignDef campaign;
+    bool haveCampaign = false;
+    zemtools::WallClock clock;
     for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--json") == 0) {
+        const bool hasValue = i + 1 < argc;
+        std::string error;
+        if (!hasValue &&
+            (strcmp(argv[i], "--html") == 0 || strcmp(argv[i], "--catalog") == 0 ||
+             strcmp(argv[i], "--campaign") == 0 || strcmp(argv[i], "--clock-ref") == 0)) {
+            fprintf(stderr, "zemdump: %s needs a value\n", argv[i]);
+            return 2;
+        }
+        if (strcmp(argv[i], "--html") == 0) {
+            htmlPath = argv[++i];
+        } else if (strcmp(argv[i], "--catalog") == 0) {
+            if (!catalog.load(argv[++i], &error)) {
+                fprintf(stderr, "zemdump: bad catalog file:\n%s", error.c_str());
+                return 2;
+            }
+        } else if (strcmp(argv[i], "--campaign") == 0) {
+            if (!zemtools::loadCampaignFile(argv[++i], &campaign, &error)) {
+                fprintf(stderr, "zemdump: bad campaign file:\n%s", error.c_str());
+                return 2;
+            }
+            haveCampaign = true;
+        } else if (strcmp(argv[i], "--clock-ref") == 0) {
+            if (!zemtools::WallClock::parse(argv[++i], &clock, &error)) {
+                fprintf(stderr, "zemdump: %s\n", error.c_str());
+                return 2;
+            }
+        } else if (strcmp(argv[i], "--json") == 0) {
             json = true;
         } else if (strcmp(argv[i], "--summary") == 0) {
             summary = true;
@@ -87,6 +137,11 @@ int main(int argc, char** argv) {
 
     int status = 0;
     zemtools::KPISummary totals;
+    zemtools::HtmlReport report;
+    zemtools::WindowContext context;
+    context.catalog = &catalog;
+    context.campaign = haveCampaign ? &campaign : nullptr;
+    context.clock = &clock;
     for (const std::string& file : files) {
         std::string bytes;
         if (!readFile(file, &bytes)) {
@@ -101,22 +156,35 @@ int main(int argc, char** argv) {
             status = 1;
             continue;
         }
-        if (summary) {
-            index.forEachWindow([&totals](const olvan::KPIData& one) { totals.add(one); });
-            continue;
+        if (!htmlPath.empty() || summary) {
+            index.forEachWindow([&](const olvan::KPIData& one) {
+                if (!htmlPath.empty()) report.add("", one, clock);
+                if (summary) totals.add(one);
+            });
         }
+        if (summary) continue;
         if (!json) {
             printf("%s: %zu bytes, version %s, %zu windows\n", file.c_str(), bytes.size(),
                    olvan::KPIDataVersion_Name(index.version()).c_str(), index.windowCount());
         }
         const std::string prefix = "\"file\":" + zemtools::jsonString(file) + ",";
-        index.forEachLine(json, prefix, [json](const std::string& line) {
-            printf("%s%s\n", json ? "" : "  ", line.c_str());
-        });
+        index.forEachLine(
+                json, prefix,
+                [json](const std::string& line) {
+                    printf("%s%s\n", json ? "" : "  ", line.c_str());
+                },
+                context);
     }
     if (summary) {
-        for (const std::string& line : zemtools::formatSummary(totals.rows(), json)) {
+        for (const std::string& line : zemtools::formatSummary(totals.rows(), json, context)) {
             printf("%s\n", line.c_str());
+        }
+    }
+    if (!htmlPath.empty()) {
+        std::string error;
+        if (!report.write(htmlPath, "zemdump report", catalog, context.campaign, &error)) {
+            fprintf(stderr, "zemdump: %s\n", error.c_str());
+            return 1;
         }
     }
     return status;
