@@ -14,6 +14,9 @@ Scenarios (gRPC, real processes, a private socket and cache folder each):
                full speed: the 512 KiB window bound closes every window
   zemd-empty   zemd receiving an 8 MiB cache file of empty windows (2 bytes
                each), and zemdump decoding the same file
+  twenty-starts  the largest campaign (1024 histograms of 1024 bounds, a
+               1 MiB payload) started 20 times without a stop: each start
+               replaces every KPI, and the replaced ones are freed at once
 
 For each it samples VmRSS every second and prints the first, lowest, highest
 and last value and the peak (VmHWM), with the client's ERROR lines about
@@ -195,7 +198,44 @@ def zemd_empty(args):
                       f"{usage.ru_maxrss / KIB:.1f} MiB")
 
 
-SCENARIOS = {"one-sample": one_sample, "huge-blob": huge_blob, "zemd-empty": zemd_empty}
+def control(sock, command):
+    import socket
+    s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    s.settimeout(30)
+    try:
+        s.connect(sock + ".ctl")
+        s.sendall((command + "\n").encode())
+        while s.recv(4096):
+            pass
+    finally:
+        s.close()
+
+
+def twenty_starts(args):
+    bounds = ", ".join(str(10 * i) for i in range(1, 1025))
+    campaign = "".join(
+        f"kpiCfgs {{ id: {i} type: KPI_NUMERIC subType: HISTOGRAM h_cfg {{ bucket_bounds: "
+        f"[{bounds}] underflow_en: true overflow_en: true }} nof_samples: 1 }}\n"
+        for i in range(1, 1025))
+    campaign += f'size_threshold: 4194304\ntime_threshold: 21600\ncfg_payload: "{"x" * 1048576}"\n'
+    r = Run(args, "twenty-starts", campaign, ["--rate", "200"])
+    if not r.wait_started(seconds=60):
+        raise RuntimeError("campaign never started")
+    time.sleep(1)
+    after_one = status_kb(r.client.pid, "VmRSS")
+    rss = [after_one]
+    for _ in range(19):
+        control(r.sock, "start")
+        # The client answers each start before zemd's control reply.
+        time.sleep(0.5)
+        rss.append(status_kb(r.client.pid, "VmRSS"))
+    hwm = status_kb(r.client.pid, "VmHWM")
+    r.finish()
+    report("twenty-starts", "client (after each start)", rss, hwm)
+
+
+SCENARIOS = {"one-sample": one_sample, "huge-blob": huge_blob, "zemd-empty": zemd_empty,
+             "twenty-starts": twenty_starts}
 
 
 def main():
