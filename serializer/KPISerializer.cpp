@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -58,7 +59,7 @@ int64_t KPISerializer::currTs() {
 }
 
 std::string KPISerializer::GetCurrFileName() {
-    std::lock_guard<std::mutex> lock(queueMutex);
+    zem::MutexLock lock(&queueMutex);
     return currFileName;
 }
 
@@ -108,7 +109,7 @@ int KPISerializer::Initialize(unsigned int size_threshold, unsigned int time_thr
         files.pop_back();
         switch (openForAppend(path)) {
             case zem::CacheOpen::kOk: {
-                std::lock_guard<std::mutex> lock(queueMutex);
+                zem::MutexLock lock(&queueMutex);
                 currFileName = path;
                 currKey = key;
                 holdUntil = 0;
@@ -126,7 +127,7 @@ int KPISerializer::Initialize(unsigned int size_threshold, unsigned int time_thr
     if (!reopened) createFout();
 
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        zem::MutexLock lock(&queueMutex);
         stopWriter = false;
     }
     writerThread = std::make_unique<std::thread>(&KPISerializer::writer_func, this);
@@ -159,7 +160,7 @@ void KPISerializer::createFout() {
     for (int64_t ts = first; ts < first + kMaxNameSkips; ++ts) {
         path = cacheDir + "/kpidata." + std::to_string(ts);
         {
-            std::lock_guard<std::mutex> lock(queueMutex);
+            zem::MutexLock lock(&queueMutex);
             currFileName = path;
             currKey = ts;
         }
@@ -213,7 +214,7 @@ void KPISerializer::queueRecord(olvan::KPIData& data, const WindowNote& note, bo
     bool wake = false;
     uint64_t report = 0;
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        zem::MutexLock lock(&queueMutex);
         if (bounded && queuedBytes + cost > kMaxQueuedBytes) {
             // The writer has fallen that far behind: the newest record goes.
             droppedSinceFile.fetch_add(1, std::memory_order_relaxed);
@@ -236,7 +237,7 @@ void KPISerializer::queueRecord(olvan::KPIData& data, const WindowNote& note, bo
         ZEM_LOGE("Record queue full (%zu bytes): %llu records dropped", kMaxQueuedBytes,
                  static_cast<unsigned long long>(report));
     }
-    if (wake) queueCv.notify_one();
+    if (wake) queueCv.notifyOne();
 }
 
 bool KPISerializer::writeAll(const struct iovec* iov, int count) {
@@ -271,6 +272,7 @@ void KPISerializer::printNote(const WindowNote& note) {
 }
 
 void KPISerializer::writeRecords(std::deque<Record>& records) {
+    assertOnWriter();
     // Records go out in batches of one writev each. A batch ends at the first
     // record that takes the file past the threshold, so the file closes with
     // exactly the records it would hold if they were written one at a time.
@@ -317,17 +319,18 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
 
 void KPISerializer::writer_func() {
     pthread_setname_np(pthread_self(), "zem_writer");
+    writerId.store(std::this_thread::get_id());
     std::deque<Record> batch;
     bool wrote = false;
-    std::unique_lock<std::mutex> lock(queueMutex);
+    queueMutex.lock();
     for (;;) {
         if (queue.empty() && !stopWriter && wrote) {
             // More records are likely on their way: pick them up in one go.
-            queueCv.wait_for(lock, kWriterNap);
+            queueCv.waitFor(&queueMutex, kWriterNap);
         }
         while (queue.empty() && !stopWriter) {
             writerIdle = true;
-            queueCv.wait(lock);
+            queueCv.wait(&queueMutex);
         }
         writerIdle = false;
         // On a stop request every record still queued is written first.
@@ -335,28 +338,35 @@ void KPISerializer::writer_func() {
         batch.swap(queue);
         // Every record of the batch stays counted until it is written.
         const size_t batchBytes = queuedBytes;
-        lock.unlock();
+        queueMutex.unlock();
         writeRecords(batch);
         wrote = true;
-        lock.lock();
+        queueMutex.lock();
         queuedBytes -= batchBytes;
     }
+    queueMutex.unlock();
+    writerId.store(std::thread::id());
+}
+
+void KPISerializer::assertOnWriter() const {
+    assert(writerId.load() == std::this_thread::get_id());
 }
 
 void KPISerializer::stopWriterThread() {
     if (!writerThread) return;
     {
-        std::lock_guard<std::mutex> lock(queueMutex);
+        zem::MutexLock lock(&queueMutex);
         stopWriter = true;
         writerIdle = false;
     }
     // Wakes the writer whether it sleeps or naps.
-    queueCv.notify_one();
+    queueCv.notifyOne();
     writerThread->join();
     writerThread.reset();
 }
 
 void KPISerializer::rollOver() {
+    assertOnWriter();
     Flush();
     // The transport removes a file it delivered; one still here was not.
     if (access(currFileName.c_str(), F_OK) == 0) keptKey = std::max(keptKey, currKey);

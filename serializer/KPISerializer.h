@@ -43,6 +43,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/Mutex.h"
 #include "metric.pb.h"
 #include "serializer/CacheFile.h"
 
@@ -145,6 +146,8 @@ class KPISerializer {
     // delivery, must not be rolled over yet.
     bool rolloverHeld() const;
     static void printNote(const WindowNote& note);
+    // Debug builds check that a writer-thread function runs there.
+    void assertOnWriter() const;
     bool writeAll(const struct iovec* iov, int count);
 
     const std::string prefix;
@@ -166,6 +169,9 @@ class KPISerializer {
     // side only), so that each gets one ERROR line rather than one per
     // rollover.
     std::set<std::string> reportedEntries;
+    // Changed under queueMutex (GetCurrFileName reads it from any thread);
+    // the writer, or the campaign thread while no writer runs, reads it
+    // without.
     std::string currFileName;
     // The number in the current file's name, the highest number of a file
     // that a rollover handed over but that is still in the cache directory
@@ -175,20 +181,23 @@ class KPISerializer {
     int64_t keptKey = -1;
     int64_t holdUntil = 0;
 
-    std::deque<Record> queue;
-    std::mutex queueMutex;
-    std::condition_variable queueCv;
-    bool stopWriter = false;
+    zem::Mutex queueMutex;
+    std::deque<Record> queue ZEM_GUARDED_BY(queueMutex);
+    zem::CondVar queueCv;
+    bool stopWriter ZEM_GUARDED_BY(queueMutex) = false;
     // True while the writer sleeps with no deadline: only then does a
     // producer pay for waking it. After writing, the writer naps for
     // kWriterNap instead, collecting what arrives meanwhile in one batch.
-    bool writerIdle = false;
+    bool writerIdle ZEM_GUARDED_BY(queueMutex) = false;
     std::unique_ptr<std::thread> writerThread;
+    // The writer thread while it runs, for the debug checks of the functions
+    // only it may call.
+    std::atomic<std::thread::id> writerId{};
 
-    // The bound on the queue (guarded by queueMutex, like the queue).
-    size_t queuedBytes = 0;
-    uint64_t droppedSinceReport = 0;
-    std::chrono::steady_clock::time_point lastDropReport{};
+    // The bound on the queue.
+    size_t queuedBytes ZEM_GUARDED_BY(queueMutex) = 0;
+    uint64_t droppedSinceReport ZEM_GUARDED_BY(queueMutex) = 0;
+    std::chrono::steady_clock::time_point lastDropReport ZEM_GUARDED_BY(queueMutex){};
     // Drops since the current file opened; logged when it closes.
     std::atomic<uint64_t> droppedSinceFile{0};
 };
