@@ -102,13 +102,13 @@ void logLoop(zem_handle h, int t, long rate) {
         }
         for (uint64_t i = 0; i < batch; ++i) {
             const uint64_t k = gLogged[t].load(std::memory_order_relaxed);
-            const int32_t rc =
-                    gBlobBytes > 0
-                            ? zem_log_blob(h, id, blob.data(), static_cast<uint32_t>(blob.size()))
-                            : zem_log(h, id, static_cast<uint32_t>(k));
+            const int32_t rc = gBlobBytes > 0 ? zem_log_blob(h, id, blob.data(),
+                                                             static_cast<uint32_t>(blob.size()))
+                                              : zem_log(h, id, static_cast<uint32_t>(k));
             if (rc == 0) gLogged[t].store(k + 1, std::memory_order_relaxed);
         }
-        if (rate > 0) std::this_thread::sleep_for(std::chrono::microseconds(rate > 1000 ? 500 : 1000));
+        if (rate > 0)
+            std::this_thread::sleep_for(std::chrono::microseconds(rate > 1000 ? 500 : 1000));
     }
 }
 

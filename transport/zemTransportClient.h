@@ -16,7 +16,7 @@
 class zem_collector;
 
 class zemTransportClient {
-public:
+  public:
     // Registers `name` and the packed `version` (major in bits 8 and up,
     // minor in the low 8 bits) with the daemon. On success the client has
     // written the daemon's token into `collector` and remembers `collector`
