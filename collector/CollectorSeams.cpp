@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "include/zem_sdk.h"
 #include "transport/zemAIDLClient.h"
 #include "transport/zemGRPCClient.h"
 
@@ -21,9 +22,9 @@ bool gThreadStartFails = false;
 
 std::shared_ptr<zemTransportClient> makeDefaultTransport(uint32_t transport) {
     switch (transport) {
-        case 1:
+        case ZEM_TRANSPORT_BINDER:
             return zemAIDLClient::getClientInstance();
-        case 2:
+        case ZEM_TRANSPORT_GRPC:
             return std::make_shared<zemGRPCClient>();
         default:
             return nullptr;

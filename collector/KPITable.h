@@ -69,14 +69,6 @@ class KPITable {
         rehash(8 * n);
     }
 
-    // Makes room for `n` entries at once, so a campaign's KPIs go in without
-    // the index growing step by step.
-    void reserve(size_t n) {
-        ids.reserve(n);
-        kpis.reserve(n);
-        if (4 * n > slots.size()) rehash(8 * n);
-    }
-
     // Calls fn(id, kpi) for every entry in ascending id order.
     template <typename Fn>
     void forEach(Fn&& fn) const {

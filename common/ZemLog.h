@@ -8,10 +8,6 @@
 //   ZEM_LOGE("Error opening cache directory: %s", dir.c_str());
 #pragma once
 
-#ifndef LOG_TAG
-#define LOG_TAG "zem_sdk"
-#endif
-
 #include <android/log.h>
 
 #define ZEM_LOGI(...) __android_log_print(ANDROID_LOG_INFO, "zem_sdk", __VA_ARGS__)

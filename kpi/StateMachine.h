@@ -1,8 +1,8 @@
 // StateMachine: the aggregator of a KPI_STATE KPI.
 //
-// State KPIs are accepted by campaigns and count their samples and roll
-// their windows like every KPI, but aggregate nothing yet: no record is ever
-// emitted for them.
+// State KPIs are accepted by campaigns, but the state logging call only
+// checks the KPI's type and never reaches it: a state KPI holds no samples
+// and no record is ever emitted for it.
 //
 // Owned by the collector's KPI table; called on the logging thread, no lock.
 #pragma once

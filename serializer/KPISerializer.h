@@ -114,9 +114,8 @@ class KPISerializer {
     // control block and its queue slot.
     static constexpr size_t kRecordOverhead = 128;
 
-    // Thresholds currently in force (0 between campaigns).
+    // The size threshold in force (0 between campaigns).
     unsigned int sizeThresholdForTest() const { return sizeThreshold; }
-    unsigned int timeThresholdForTest() const { return timeThreshold; }
     bool writerRunning() const { return writerThread != nullptr; }
 
   private:
@@ -151,8 +150,10 @@ class KPISerializer {
     bool writeAll(const struct iovec* iov, int count);
 
     const std::string prefix;
-    // Atomic: a campaign merged into a running one updates them while the
-    // writer reads them.
+    // The writer reads the size threshold to roll files over, and a campaign
+    // merged into a running one may change it meanwhile: atomic. The time
+    // threshold is kept for the campaign; nothing here reads it (windows
+    // close by their KPIs' own rules).
     std::atomic<unsigned int> sizeThreshold{0};
     std::atomic<unsigned int> timeThreshold{0};
     const std::string cacheDir;
