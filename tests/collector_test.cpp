@@ -346,9 +346,14 @@ TEST_F(CollectorTest, LoggingThreadsNeedNoLockWhileCampaignsStartMergeAndStop) {
     // and is stopped, over and over. Every sample a thread saw accepted must
     // be in a delivered window; none may reach a freed KPI (the sanitizer
     // builds run this too).
+    // Windows are long enough that the writer keeps up on a loaded machine:
+    // records it cannot take in time would be dropped at the queue's bound,
+    // by design, and the count below would not add up.
     zem_handle h = registered();
-    const std::string def = campaign({counterCfg(1, 50), counterCfg(2, 7)}).SerializeAsString();
-    const std::string extra = campaign({blobCfg(3, 5, 16), counterCfg(4, 3)}).SerializeAsString();
+    const std::string def =
+            campaign({counterCfg(1, 5000), counterCfg(2, 3000)}).SerializeAsString();
+    const std::string extra =
+            campaign({blobCfg(3, 1000, 16), counterCfg(4, 3)}).SerializeAsString();
     std::atomic<bool> done{false};
     uint64_t accepted[2] = {0, 0};
     std::vector<std::thread> loggers;
