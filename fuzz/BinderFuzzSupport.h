@@ -96,7 +96,8 @@ inline BinderWorld& binderWorld() {
                                                                w->collector) != 0) {
             abort();
         }
-        w->callback = new zemAIDLClient::ZEMCallbackImpl();
+        // The callback of the instance the collector registered with.
+        w->callback = new zemAIDLClient::ZEMCallbackImpl(zemAIDLClient::getClientInstance());
         return w;
     }();
     return *world;
