@@ -128,7 +128,11 @@ TEST_F(BinderE2ETest, TwoCollectorsShareOneClientFromRegistrationToDeregistratio
     // One process, one connection: the service is looked up once.
     EXPECT_EQ(1, zem_test::countLogLines(err, 'I',
                                          "setZEMBinder - got new instance of zem client binder"));
-    EXPECT_EQ(2u, events(daemon->out(), "response", "status", "0").size());
+    // zemd prints each answer after the client's callback has returned: wait
+    // for the answers themselves.
+    EXPECT_TRUE(eventually([&] {
+        return events(daemon->out(), "response", "status", "0").size() == 2u;
+    })) << daemon->out();
 
     logSamples(*client, 25);
     daemon->send("stop");
