@@ -16,11 +16,13 @@
 
 namespace zem {
 
-class ZEM_CAPABILITY("mutex") Mutex {
+// The annotated wrapper around a standard mutex type; use the aliases below.
+template <typename StdMutex>
+class ZEM_CAPABILITY("mutex") BasicMutex {
   public:
-    Mutex() = default;
-    Mutex(const Mutex&) = delete;
-    Mutex& operator=(const Mutex&) = delete;
+    BasicMutex() = default;
+    BasicMutex(const BasicMutex&) = delete;
+    BasicMutex& operator=(const BasicMutex&) = delete;
 
     void lock() ZEM_ACQUIRE() { mu.lock(); }
     void unlock() ZEM_RELEASE() { mu.unlock(); }
@@ -42,58 +44,29 @@ class ZEM_CAPABILITY("mutex") Mutex {
 
   private:
     friend class CondVar;
-    std::mutex mu;
+    StdMutex mu;
 };
 
-// A recursive mutex, for a lock that a callback may take again on the thread
-// that holds it. The analysis does not model the recursion: take it once per
-// function.
-class ZEM_CAPABILITY("mutex") RecursiveMutex {
-  public:
-    RecursiveMutex() = default;
-    RecursiveMutex(const RecursiveMutex&) = delete;
-    RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+using Mutex = BasicMutex<std::mutex>;
+// For a lock that a callback may take again on the thread that holds it. The
+// analysis does not model the recursion: take it once per function.
+using RecursiveMutex = BasicMutex<std::recursive_mutex>;
 
-    void lock() ZEM_ACQUIRE() { mu.lock(); }
-    void unlock() ZEM_RELEASE() { mu.unlock(); }
-    bool try_lock() ZEM_TRY_ACQUIRE(true) { return mu.try_lock(); }
-    // As Mutex::lockWithin.
-    bool lockWithin(std::chrono::milliseconds limit) ZEM_TRY_ACQUIRE(true) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (!mu.try_lock()) {
-            if (std::chrono::steady_clock::now() >= deadline) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
-    }
+// Holds a mutex for its scope.
+template <typename M>
+class ZEM_SCOPED_CAPABILITY BasicMutexLock {
+  public:
+    explicit BasicMutexLock(M* mu) ZEM_ACQUIRE(mu) : mu(mu) { mu->lock(); }
+    ~BasicMutexLock() ZEM_RELEASE() { mu->unlock(); }
+    BasicMutexLock(const BasicMutexLock&) = delete;
+    BasicMutexLock& operator=(const BasicMutexLock&) = delete;
 
   private:
-    std::recursive_mutex mu;
+    M* const mu;
 };
 
-// Holds `mu` for its scope.
-class ZEM_SCOPED_CAPABILITY MutexLock {
-  public:
-    explicit MutexLock(Mutex* mu) ZEM_ACQUIRE(mu) : mu(mu) { mu->lock(); }
-    ~MutexLock() ZEM_RELEASE() { mu->unlock(); }
-    MutexLock(const MutexLock&) = delete;
-    MutexLock& operator=(const MutexLock&) = delete;
-
-  private:
-    Mutex* const mu;
-};
-
-// Holds a RecursiveMutex for its scope.
-class ZEM_SCOPED_CAPABILITY RecursiveMutexLock {
-  public:
-    explicit RecursiveMutexLock(RecursiveMutex* mu) ZEM_ACQUIRE(mu) : mu(mu) { mu->lock(); }
-    ~RecursiveMutexLock() ZEM_RELEASE() { mu->unlock(); }
-    RecursiveMutexLock(const RecursiveMutexLock&) = delete;
-    RecursiveMutexLock& operator=(const RecursiveMutexLock&) = delete;
-
-  private:
-    RecursiveMutex* const mu;
-};
+using MutexLock = BasicMutexLock<Mutex>;
+using RecursiveMutexLock = BasicMutexLock<RecursiveMutex>;
 
 // A condition variable whose waits name the Mutex they release and take
 // again.

@@ -47,4 +47,12 @@ int openCacheFileForRead(const std::string& path, CacheOpen* why);
 // error after a successful open counts as kFailed too).
 CacheOpen readCacheFile(const std::string& path, std::string* content);
 
+// readCacheFile for a delivery: false when the file must not be sent (not a
+// cache file, or unreadable; both logged). A missing file reads as empty and
+// is sent so.
+inline bool readForDelivery(const std::string& path, std::string* content) {
+    const CacheOpen r = readCacheFile(path, content);
+    return r == CacheOpen::kOk || r == CacheOpen::kMissing;
+}
+
 }  // namespace zem

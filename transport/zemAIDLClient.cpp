@@ -46,13 +46,6 @@ zem::Mutex gBinderMutex;
 sp<IBinder> zemBinder ZEM_GUARDED_BY(gBinderMutex);
 sp<zemAIDLClient::DeathRecipientImpl> handleOlvDeath ZEM_GUARDED_BY(gBinderMutex);
 
-// False when the file must not be sent: an entry that is not a cache file,
-// or one that cannot be read (both logged). A missing file reads as empty.
-bool readWholeFile(const std::string& filename, std::string* content) {
-    const zem::CacheOpen r = zem::readCacheFile(filename, content);
-    return r == zem::CacheOpen::kOk || r == zem::CacheOpen::kMissing;
-}
-
 }  // namespace
 
 zem::Mutex zemAIDLClient::clientPtrMutex;
@@ -222,7 +215,7 @@ int32_t zemAIDLClient::sendData(const std::string& filename, const std::string& 
     // parts, each a cache file image of its own. A missing file is sent
     // empty.
     std::string content;
-    if (!readWholeFile(filename, &content)) return -1;
+    if (!zem::readForDelivery(filename, &content)) return -1;
     std::istringstream in(std::move(content));
     zem::internal::CacheFileParts parts(in, kMaxSendBytes);
     std::string part;

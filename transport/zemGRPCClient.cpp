@@ -39,13 +39,6 @@ std::shared_ptr<grpc::Channel> makeChannel(const std::string& target) {
     return grpc::CreateCustomChannel(target, grpc::InsecureChannelCredentials(), args);
 }
 
-// False when the file must not be sent: an entry that is not a cache file,
-// or one that cannot be read (both logged). A missing file reads as empty.
-bool readWholeFile(const std::string& filename, std::string* content) {
-    const zem::CacheOpen r = zem::readCacheFile(filename, content);
-    return r == zem::CacheOpen::kOk || r == zem::CacheOpen::kMissing;
-}
-
 }  // namespace
 
 struct zemGRPCClient::Link {
@@ -280,7 +273,7 @@ int32_t zemGRPCClient::sendData(const std::string& filename, const std::string& 
     // A file that fits goes in one call, as it is; a larger one in parts,
     // each a cache file image of its own. A missing file is sent empty.
     std::string content;
-    if (!readWholeFile(filename, &content)) return -1;
+    if (!zem::readForDelivery(filename, &content)) return -1;
     std::istringstream in(std::move(content));
     zem::internal::CacheFileParts parts(in, kMaxSendBytes);
     std::string part;
