@@ -3,8 +3,8 @@
 
 Run from a build tree (for example build/test-plain):
 
-    python3 ../../tests/memory_bounds.py --zemd tools/zemd \\
-        --client tests/e2e_fault_client --zemdump tools/zemdump [--seconds 30] [--only NAME...]
+    python3 ../../tests/e2e/memory_bounds.py --zemd tools/zemd \\
+        --client tests/e2e/e2e_fault_client --zemdump tools/zemdump [--seconds 30] [--only NAME...]
 
 Scenarios (gRPC, real processes, a private socket and cache folder each):
   one-sample   a counter with one-sample windows, logged at full speed: the

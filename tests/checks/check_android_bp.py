@@ -20,7 +20,7 @@ import sys
 # Tests that start zemd or other host programs, or run on the host binder
 # runtime, are named with these prefixes: they have no place in the device
 # build.
-HOST_ONLY_PREFIXES = ("tests/e2e_", "tests/binder_", "tests/tools_", "tests/docs_")
+HOST_ONLY_PREFIXES = ("tests/e2e/", "tests/tools/", "tests/unit/binder_", "tests/checks/")
 
 # Fuzzers of the host binder runtime's wire and of the host tools' decoder
 # and JSON output.
