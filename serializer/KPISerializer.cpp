@@ -288,10 +288,13 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
     static constexpr int kMaxBatch = IOV_MAX < 256 ? IOV_MAX : 256;
     struct iovec iov[kMaxBatch];
 
+    // Every window of the batch closed before the writer took it, so before
+    // any delivery the batch brings about: all their lines come first.
+    for (const Record& rec : records) printNote(rec.note);
+
     while (!records.empty()) {
         if (failed) {
             // A file that could not be opened or written swallows records.
-            for (const Record& rec : records) printNote(rec.note);
             records.clear();
             return;
         }
@@ -303,7 +306,6 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
         bool rollover = false;
         while (count < kMaxBatch && taken < records.size()) {
             const Record& rec = records[taken++];
-            printNote(rec.note);
             if (!rec.bytes) continue;
             const std::string& bytes = *rec.bytes;
             iov[count].iov_base = const_cast<char*>(bytes.data());

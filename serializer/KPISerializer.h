@@ -16,7 +16,8 @@
 // Every closed window's log lines are printed by the writer too, in queue
 // order: an emitted window's with its record, an empty window's from a
 // record that carries only its lines. So the lines come out in the order the
-// windows closed.
+// windows closed, and a batch's lines all come before the delivery of a
+// file that the batch fills.
 //
 // Under a steady stream of records the writer wakes on its own every
 // millisecond and writes what has queued in one batch, so producers do not
