@@ -97,9 +97,7 @@ void KPI::closeWindow(TimePoint now) {
 
 bool KPI::skipEmptyWindow(const char* kind) const {
     if (numSamples >= 1) return false;
-    ZEM_LOGI("%s::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld", kind,
-             static_cast<int>(numSamples), startNs(), endNs());
-    ZEM_LOGI("numSamples < 1, so skipping");
+    serializer.WriteEmpty(windowNote(kind));
     return true;
 }
 

@@ -124,12 +124,13 @@ class KPI {
     unsigned int sampleCount() const { return numSamples; }
 
   protected:
-    // Starts a subclass's Serialize: an empty window logs its Serialize line
-    // and the skip at once and returns true (nothing to emit).
+    // Starts a subclass's Serialize: an empty window queues its lines (the
+    // Serialize line and the skip) behind the records of earlier windows and
+    // returns true (nothing to emit).
     bool skipEmptyWindow(const char* kind) const;
 
-    // The Serialize line of the window being emitted, printed by the
-    // serializer's writer thread when it writes the record.
+    // The Serialize line of the window being closed, printed by the
+    // serializer's writer thread when it takes the window's record.
     KPISerializer::WindowNote windowNote(const char* kind) const {
         return {kind, numSamples, startNs(), endNs()};
     }

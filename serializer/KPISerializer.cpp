@@ -207,10 +207,18 @@ size_t KPISerializer::recordCost(const std::string& bytes) {
     return bytes.capacity() + kRecordOverhead;
 }
 
+void KPISerializer::WriteEmpty(const WindowNote& note) {
+    pushRecord(Record{nullptr, note}, kRecordOverhead, /*bounded=*/true);
+}
+
 void KPISerializer::queueRecord(olvan::KPIData& data, const WindowNote& note, bool bounded) {
     auto bytes = std::make_shared<std::string>();
     data.SerializeToString(bytes.get());
     const size_t cost = recordCost(*bytes);
+    pushRecord(Record{std::move(bytes), note}, cost, bounded);
+}
+
+void KPISerializer::pushRecord(Record&& record, size_t cost, bool bounded) {
     bool wake = false;
     uint64_t report = 0;
     {
@@ -228,7 +236,7 @@ void KPISerializer::queueRecord(olvan::KPIData& data, const WindowNote& note, bo
             }
         } else {
             queuedBytes += cost;
-            queue.push_back(Record{std::move(bytes), note});
+            queue.push_back(std::move(record));
             wake = writerIdle;
             writerIdle = false;
         }
@@ -269,6 +277,7 @@ void KPISerializer::printNote(const WindowNote& note) {
     if (note.kind == nullptr) return;
     ZEM_LOGI("%s::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld", note.kind,
              static_cast<int>(note.numSamples), note.tsStart, note.tsEnd);
+    if (note.numSamples < 1) ZEM_LOGI("numSamples < 1, so skipping");
 }
 
 void KPISerializer::writeRecords(std::deque<Record>& records) {
@@ -279,21 +288,25 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
     static constexpr int kMaxBatch = IOV_MAX < 256 ? IOV_MAX : 256;
     struct iovec iov[kMaxBatch];
 
+    // Every window of the batch closed before the writer took it, so before
+    // any delivery the batch brings about: all their lines come first.
+    for (const Record& rec : records) printNote(rec.note);
+
     while (!records.empty()) {
         if (failed) {
             // A file that could not be opened or written swallows records.
-            for (const Record& rec : records) printNote(rec.note);
             records.clear();
             return;
         }
-        int count = 0;
+        int count = 0;     // iov entries
+        size_t taken = 0;  // records, empty windows' included
         int64_t projected = fileSize;
         const unsigned int threshold = sizeThreshold.load(std::memory_order_relaxed);
         const bool held = rolloverHeld();
         bool rollover = false;
-        while (count < kMaxBatch && count < static_cast<int>(records.size())) {
-            const Record& rec = records[count];
-            printNote(rec.note);
+        while (count < kMaxBatch && taken < records.size()) {
+            const Record& rec = records[taken++];
+            if (!rec.bytes) continue;
             const std::string& bytes = *rec.bytes;
             iov[count].iov_base = const_cast<char*>(bytes.data());
             iov[count].iov_len = bytes.size();
@@ -312,7 +325,7 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
                 ZEM_LOGE("Failed to write file: %s: %s", currFileName.c_str(), strerror(err));
             }
         }
-        records.erase(records.begin(), records.begin() + count);
+        records.erase(records.begin(), records.begin() + static_cast<std::ptrdiff_t>(taken));
         if (rollover && !failed) rollOver();
     }
 }

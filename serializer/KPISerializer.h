@@ -13,6 +13,12 @@
 // name, and is held only to push or pop records. File I/O and SendData run
 // without it, so a producer never waits for the disk or the transport.
 //
+// Every closed window's log lines are printed by the writer too, in queue
+// order: an emitted window's with its record, an empty window's from a
+// record that carries only its lines. So the lines come out in the order the
+// windows closed, and a batch's lines all come before the delivery of a
+// file that the batch fills.
+//
 // Under a steady stream of records the writer wakes on its own every
 // millisecond and writes what has queued in one batch, so producers do not
 // make a system call per record; when the stream stops it sleeps until the
@@ -68,9 +74,10 @@ class KPISerializer {
     int Initialize(unsigned int size_threshold, unsigned int time_threshold);
 
     // What a closed window says about itself in the log: printed as
-    // "<kind>::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld" by the
-    // writer thread when it takes the window's record, so that the logging
-    // thread pays neither for the formatting nor for the log write.
+    // "<kind>::Serialize(), numSamples=%d, tsStart=%ld, tsEnd=%ld", followed
+    // by "numSamples < 1, so skipping" for an empty window, by the writer
+    // thread when it takes the window's record, so that the logging thread
+    // pays neither for the formatting nor for the log write.
     struct WindowNote {
         const char* kind = nullptr;  // null: nothing to print
         unsigned int numSamples = 0;
@@ -83,6 +90,11 @@ class KPISerializer {
     int Write(olvan::KPIData& data);
     // The same, with the window's log line to print when it is written.
     int Write(olvan::KPIData& data, const WindowNote& note);
+    // Queues the lines of an empty window, which has no record, behind the
+    // records of the windows closed before it. Any thread; never waits for
+    // I/O. It costs the queue kRecordOverhead and, like a record, is dropped
+    // (and counted) when the queue is full.
+    void WriteEmpty(const WindowNote& note);
 
     // Closes the current file and hands its path to the collector, even when
     // no file was open. Returns 0. Not while the writer thread runs.
@@ -119,6 +131,7 @@ class KPISerializer {
     bool writerRunning() const { return writerThread != nullptr; }
 
   private:
+    // A window's record and its lines; an empty window's has no bytes.
     struct Record {
         std::shared_ptr<const std::string> bytes;
         WindowNote note;
@@ -133,6 +146,7 @@ class KPISerializer {
     void writeRecords(std::deque<Record>& records);
     zem::CacheOpen openForAppend(const std::string& path);
     void queueRecord(olvan::KPIData& data, const WindowNote& note, bool bounded);
+    void pushRecord(Record&& record, size_t cost, bool bounded);
     static size_t recordCost(const std::string& bytes);
 
     // Hands the full file over and opens the next one. Writer thread only.

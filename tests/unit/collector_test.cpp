@@ -319,10 +319,24 @@ TEST_F(CollectorTest, CampaignsMergeByIdAndStopAtTheFirstBadKpi) {
 TEST_F(CollectorTest, StopSerializesInIdOrderThenHandsOverEvenWithoutAWriter) {
     zem_handle h = registered();
     ASSERT_EQ(0, h->StartCampaign(
-                         campaign({counterCfg(30, 100), counterCfg(4, 100), counterCfg(17, 100)})
+                         campaign({counterCfg(30, 100), counterCfg(4, 100), counterCfg(20, 100),
+                                   counterCfg(17, 100), counterCfg(1, 100)})
                                  .SerializeAsString()));
-    for (uint32_t id : {30u, 4u, 17u}) zem_log(h, id, id);
+    // 4, 17 and 30 hold 1, 2 and 3 samples; 1 and 20 none.
+    for (uint32_t id : {30u, 4u, 17u, 17u, 30u, 30u}) zem_log(h, id, id);
+    LogCapture cap;
     EXPECT_EQ(0, h->StopCampaign());
+    // Empty windows' lines come out among the others, in id order.
+    std::vector<std::string> lines;
+    for (const std::string& m : zem_test::logMessages(cap.text(), 'I')) {
+        if (m.find("numSamples") != std::string::npos) lines.push_back(m.substr(0, m.find(", ts")));
+    }
+    const std::string skip = "numSamples < 1, so skipping", serialized = "Counter::Serialize(), ";
+    EXPECT_EQ(std::vector<std::string>({serialized + "numSamples=0", skip,
+                                        serialized + "numSamples=1", serialized + "numSamples=2",
+                                        serialized + "numSamples=0", skip,
+                                        serialized + "numSamples=3"}),
+              lines);
     auto sent = transport->sentFiles();
     ASSERT_EQ(1u, sent.size());
     olvan::KPIData data;
