@@ -187,9 +187,28 @@ void KPISerializer::createFout() {
         }
         writeErrorLogged = true;
     }
+    writeVersionRecord();
+}
+
+void KPISerializer::writeVersionRecord() {
+    // Written at once rather than queued: records queued while the previous
+    // file was being handed over, and the rest of the batch that filled it,
+    // must land after the version record that starts the new file.
+    if (failed) return;
     olvan::KPIData version;
     version.set_version(olvan::V1);
-    queueRecord(version, WindowNote{}, /*bounded=*/false);
+    const std::string bytes = version.SerializeAsString();
+    struct iovec iov = {const_cast<char*>(bytes.data()), bytes.size()};
+    if (!writeAll(&iov, 1)) writeFailed();
+}
+
+void KPISerializer::writeFailed() {
+    const int err = errno;
+    failed = true;
+    if (!writeErrorLogged) {
+        writeErrorLogged = true;
+        ZEM_LOGE("Failed to write file: %s: %s", currFileName.c_str(), strerror(err));
+    }
 }
 
 int KPISerializer::Write(olvan::KPIData& data) {
@@ -317,14 +336,7 @@ void KPISerializer::writeRecords(std::deque<Record>& records) {
                 break;
             }
         }
-        if (!writeAll(iov, count)) {
-            failed = true;
-            const int err = errno;
-            if (!writeErrorLogged) {
-                writeErrorLogged = true;
-                ZEM_LOGE("Failed to write file: %s: %s", currFileName.c_str(), strerror(err));
-            }
-        }
+        if (!writeAll(iov, count)) writeFailed();
         records.erase(records.begin(), records.begin() + static_cast<std::ptrdiff_t>(taken));
         if (rollover && !failed) rollOver();
     }

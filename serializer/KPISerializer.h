@@ -28,7 +28,8 @@
 // bookkeeping, counting the batch the writer is writing). A record that
 // would pass it is dropped and counted; one ERROR line a second at most
 // says how many went, and the count per file is logged when the file is
-// closed. The version record of a new file is never dropped.
+// closed. The version record of a new file is written as the file is
+// created, never queued, so it cannot be dropped or overtaken.
 //
 // A cache file is the plain concatenation of serialized olvan::KPIData
 // messages and parses as one KPIData holding every window. Each file the
@@ -138,7 +139,11 @@ class KPISerializer {
     };
 
     int GetFilesFromCache(std::vector<std::string>& files);
+    // Creates the next file and writes its version record.
     void createFout();
+    void writeVersionRecord();
+    // Marks the file failed after a write error, logged once per file.
+    void writeFailed();
     void writer_func();
     // Appends `records` to the current file in order, closing the file and
     // creating the next one at the first record that takes it past the size
