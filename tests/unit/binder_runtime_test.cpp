@@ -226,11 +226,14 @@ TEST_F(BinderRuntimeTest, TransactionsInFlightShareTheReceiversBufferAndNoneExce
         bool oneway;
         bool fits;
     } steps[] = {
-            {true, third, true, true},       {true, third, true, false},  // one-way calls get half
-                                                                          // the buffer
-            {true, third, false, true},                                   // two-way ones the rest
+            {true, third, true, true},
+            {true, third, true, false},       // one-way calls get half
+                                              // the buffer
+            {true, third, false, true},       // two-way ones the rest
             {true, third + 8, false, false},  // the whole buffer is taken
-            {true, third, false, true},      {true, 8, false, false},    {false, third, true, true},
+            {true, third, false, true},
+            {true, 8, false, false},
+            {false, third, true, true},
             {true, third, true, true},  // room again once a call was served
     };
     for (const Step& st : steps) {
