@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Logging at full speed while the daemon changes campaigns under it.
 
-A real zemd and an e2e_fault_client whose two threads log to their own
+A real zemd and an e2e_client whose two threads log to their own
 counter KPIs as fast as they can, with no lock of the application's, while
 zemd starts a campaign, merges a second one into it, and stops it, every few
 milliseconds, and is killed and restarted every couple of seconds. Run in
@@ -22,16 +22,10 @@ Exit status 0 when every transport accounted for every sample, the client
 quit cleanly (no sanitizer report, which makes it exit non-zero) and nothing
 hung; 1 otherwise.
 """
-import argparse
-import os
-import shutil
-import subprocess
 import sys
-import tempfile
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from e2e_fault_ledger import Scenario, eventually, json_lines  # noqa: E402
+from harness import Rig, Workdir, arguments, eventually, json_lines
 
 WINDOW = 10000
 MAIN = f"""
@@ -58,33 +52,16 @@ def samples(events, kid):
                and e.get("id") == kid)
 
 
-def running(c):
-    """Whether the client's last campaign callback was a start: merges make
-    starts outnumber stops, so counting them does not tell."""
-    last = None
-    for line in c.out().splitlines():
-        parts = line.split()
-        if len(parts) >= 2 and parts[0] == "fault:" and parts[1] in ("start", "stop"):
-            last = parts[1]
-    return last == "start"
-
-
 def run(args, transport, workdir):
-    s = Scenario(args, "stress", transport, workdir)
-    main_path = os.path.join(s.dir, "main.txtpb")
-    extra_path = os.path.join(s.dir, "extra.txtpb")
-    with open(main_path, "w") as f:
-        f.write(MAIN)
-    with open(extra_path, "w") as f:
-        f.write(EXTRA)
-    s.campaign_file = lambda: main_path
+    s = Rig(args, "stress", transport, workdir, MAIN)
+    main_path, extra_path = s.campaign_file(), s.write("extra.txtpb", EXTRA)
     notes = []
     ok = True
     changes = kills = 0
     try:
         s.start_daemon()
         c = s.start_client(rate=0, threads=2, retry_ms=1000)
-        if not eventually(lambda: running(c), 15):
+        if not eventually(lambda: s.running(c), 15):
             notes.append("campaign never started")
             ok = False
         start = time.monotonic()
@@ -107,7 +84,7 @@ def run(args, transport, workdir):
                 # daemon comes up, registers again (1 s apart) and gets the
                 # campaign at registration; only then does the cycle go on,
                 # so that no push of the main campaign meets a running one.
-                if not eventually(lambda: not running(c), 10):
+                if not eventually(lambda: not s.running(c), 10):
                     notes.append("the client did not notice the daemon's death")
                 s.start_daemon()
                 if not eventually(lambda: len(s.client_events("start", c)) > starts, 15):
@@ -119,7 +96,7 @@ def run(args, transport, workdir):
         # file arrive.
         s.control("stop", timeout=2)
         s.control(f"push {main_path}", timeout=2)
-        eventually(lambda: running(c), 10)
+        eventually(lambda: s.running(c), 10)
         s.stop_and_drain()
         if not s.quit_client(timeout=20):
             ok = False
@@ -138,13 +115,8 @@ def run(args, transport, workdir):
         for d in s.daemons:
             evs = list(json_lines(d.out()))
             received = [received[0] + samples(evs, 1), received[1] + samples(evs, 2)]
-        cached = [0, 0]
-        files = [os.path.join(s.cache, f) for f in s.cache_files()]
-        if files:
-            r = subprocess.run([args.zemdump, "--json"] + files, capture_output=True, text=True,
-                               timeout=120)
-            evs = list(json_lines(r.stdout))
-            cached = [samples(evs, 1), samples(evs, 2)]
+        evs = s.dumped()
+        cached = [samples(evs, 1), samples(evs, 2)]
         starts = len(s.client_events("start", c))
         stops = len(s.client_events("stop", c))
         print(f"{transport:7} threads 2, campaign changes {changes} (client saw {starts} starts, "
@@ -169,25 +141,13 @@ def run(args, transport, workdir):
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__,
-                                 formatter_class=argparse.RawDescriptionHelpFormatter)
-    ap.add_argument("--zemd", required=True)
-    ap.add_argument("--client", required=True)
-    ap.add_argument("--zemdump")
-    ap.add_argument("--seconds", type=float, default=6)
-    ap.add_argument("--kill-every", type=float, default=2)
-    ap.add_argument("--transport", nargs="*", default=["grpc", "binder"])
-    ap.add_argument("--keep", help="keep the processes' output and files in this folder")
-    args = ap.parse_args()
-    if not args.zemdump:
-        args.zemdump = os.path.join(os.path.dirname(args.zemd), "zemdump")
-    workdir = args.keep or tempfile.mkdtemp(prefix="zem-stress-")
-    os.makedirs(workdir, exist_ok=True)
-    try:
+    def add(ap):
+        ap.add_argument("--seconds", type=float, default=6)
+        ap.add_argument("--kill-every", type=float, default=2)
+        ap.add_argument("--transport", nargs="*", default=["grpc", "binder"])
+    args = arguments(__doc__, add)
+    with Workdir(args, "zem-stress-") as workdir:
         results = [run(args, t, workdir) for t in args.transport]
-    finally:
-        if not args.keep:
-            shutil.rmtree(workdir, ignore_errors=True)
     return 0 if all(results) else 1
 
 

@@ -4,7 +4,7 @@
 Run from a build tree (for example build/test-plain):
 
     python3 ../../tests/e2e/memory_bounds.py --zemd tools/zemd \\
-        --client tests/e2e/e2e_fault_client --zemdump tools/zemdump [--seconds 30] [--only NAME...]
+        --client tests/e2e/e2e_client --zemdump tools/zemdump [--seconds 30] [--only NAME...]
 
 Scenarios (gRPC, real processes, a private socket and cache folder each):
   one-sample   a counter with one-sample windows, logged at full speed: the
@@ -22,112 +22,46 @@ For each it samples VmRSS every second and prints the first, lowest, highest
 and last value and the peak (VmHWM), with the client's ERROR lines about
 dropped records. Exit status 0 unless a process fails to come up.
 """
-import argparse
 import os
-import resource
-import shutil
-import signal
 import subprocess
 import sys
 import tempfile
 import time
 
+from harness import Rig, Workdir, arguments, largest_campaign, proc_status
+
 KIB = 1024
 
 
-def status_kb(pid, field):
-    try:
-        with open(f"/proc/{pid}/status") as f:
-            for line in f:
-                if line.startswith(field + ":"):
-                    return int(line.split()[1])
-    except OSError:
-        pass
-    return None
+class Run(Rig):
+    """zemd (output dropped) with a campaign and one gRPC client whose
+    standard error keeps only the library's ERROR lines."""
 
-
-def wait_for(pred, seconds):
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        if pred():
-            return True
-        time.sleep(0.05)
-    return pred()
-
-
-class Run:
-    """zemd with a campaign and one client, in a scratch directory."""
-
-    def __init__(self, args, name, campaign, client_args=(), cache_files=None):
-        self.args = args
-        self.dir = tempfile.mkdtemp(prefix=f"zem_mem_{name}.")
-        self.sock = os.path.join(self.dir, "spc.sock")
-        self.cache = os.path.join(self.dir, "cache")
-        os.mkdir(self.cache)
+    def __init__(self, args, workdir, name, campaign, client_args=(), cache_files=None):
+        super().__init__(args, name, "grpc", workdir, campaign)
         for fname, data in (cache_files or {}).items():
             with open(os.path.join(self.cache, fname), "wb") as f:
                 f.write(data)
-        path = os.path.join(self.dir, "campaign.txtpb")
-        with open(path, "w") as f:
-            f.write(campaign)
-        devnull = subprocess.DEVNULL
-        self.zemd = subprocess.Popen([args.zemd, "--socket", self.sock, "--campaign", path],
-                                     stdout=devnull, stderr=devnull, start_new_session=True)
-        if not wait_for(lambda: os.path.exists(self.sock), 10):
-            raise RuntimeError("zemd did not come up")
-        self.errors = os.path.join(self.dir, "client.errors")
-        self.client = subprocess.Popen(
-            [args.client, "--transport", "grpc", "--socket", self.sock, "--cache", self.cache,
-             *client_args], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, start_new_session=True)
-        # Only the ERROR lines are kept: the window lines run to many MB/s.
-        with open(self.errors, "wb") as out:
-            self.grep = subprocess.Popen(["grep", "-a", "--line-buffered", "zem_sdk E"],
-                                         stdin=self.client.stderr, stdout=out)
-        self.client.stderr.close()
+        self.start_daemon(quiet=True)
+        self.start_client(threads=1, quiet=True, extra=client_args)
 
     def wait_started(self, seconds=30):
-        end = time.monotonic() + seconds
-        while time.monotonic() < end:
-            line = self.client.stdout.readline().decode(errors="replace")
-            if not line:
-                return False
-            if line.startswith("fault: start"):
-                return True
-        return False
+        return self.wait_running(timeout=seconds)
 
     def sample(self, pid, seconds):
         rss = []
         for _ in range(seconds):
             time.sleep(1)
-            v = status_kb(pid, "VmRSS")
+            v = proc_status(pid, "VmRSS")
             if v is None:
                 break
             rss.append(v)
-        return rss, status_kb(pid, "VmHWM")
+        return rss, proc_status(pid, "VmHWM")
 
     def finish(self):
-        try:
-            self.client.stdin.write(b"quit\n")
-            self.client.stdin.flush()
-        except BrokenPipeError:
-            pass
-        try:
-            self.client.wait(timeout=20)
-        except subprocess.TimeoutExpired:
-            os.killpg(self.client.pid, signal.SIGKILL)
-            self.client.wait()
-        self.grep.wait(timeout=10)
-        os.killpg(self.zemd.pid, signal.SIGTERM)
-        try:
-            self.zemd.wait(timeout=10)
-        except subprocess.TimeoutExpired:
-            os.killpg(self.zemd.pid, signal.SIGKILL)
-            self.zemd.wait()
-        with open(self.errors, errors="replace") as f:
-            errors = f.read().splitlines()
-        shutil.rmtree(self.dir, ignore_errors=True)
-        return errors
+        self.quit_client(timeout=20)
+        self.close()
+        return self.client().err().splitlines()
 
 
 def report(name, who, rss, hwm):
@@ -148,42 +82,42 @@ def drops(errors):
     return f"{len(full)} 'Record queue full' lines, {told} drops told with their files"
 
 
-def one_sample(args):
+def one_sample(args, workdir):
     campaign = ("kpiCfgs { id: 1 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 1 }\n"
                 "size_threshold: 4194304\ntime_threshold: 60\n")
-    r = Run(args, "one-sample", campaign, ["--rate", "0"])
+    r = Run(args, workdir, "one-sample", campaign, ["--rate", "0"])
     if not r.wait_started():
         raise RuntimeError("campaign never started")
-    rss, hwm = r.sample(r.client.pid, args.seconds)
+    rss, hwm = r.sample(r.client().p.pid, args.seconds)
     errors = r.finish()
     report("one-sample", "client", rss, hwm)
     print(f"one-sample: {drops(errors)}")
 
 
-def huge_blob(args):
+def huge_blob(args, workdir):
     campaign = ("kpiCfgs { id: 1 type: KPI_BLOB nof_samples: 4294967295 b_cfg { "
                 "singleSampleSizeTresholdBytes: 524288 sampleRateThresholdPerSec: 1000 } }\n"
                 "size_threshold: 4194304\ntime_threshold: 60\n")
-    r = Run(args, "huge-blob", campaign, ["--rate", "0", "--blob-bytes", "524288"])
+    r = Run(args, workdir, "huge-blob", campaign, ["--rate", "0", "--blob-bytes", "524288"])
     if not r.wait_started():
         raise RuntimeError("campaign never started")
-    rss, hwm = r.sample(r.client.pid, args.seconds)
+    rss, hwm = r.sample(r.client().p.pid, args.seconds)
     errors = r.finish()
     report("huge-blob", "client", rss, hwm)
     print(f"huge-blob: {drops(errors)}")
 
 
-def zemd_empty(args):
+def zemd_empty(args, workdir):
     # Version record, then empty counter windows (field 2, length 0).
     data = b"\x08\x01" + b"\x12\x00" * (4 * 1024 * 1024 - 1)
     campaign = ("kpiCfgs { id: 1 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 1 }\n"
                 "size_threshold: 4194304\ntime_threshold: 60\n")
     # The client reopens the leftover at its campaign start; its first record
     # takes it past the threshold, so it is delivered at once.
-    r = Run(args, "zemd-empty", campaign, ["--rate", "200"], {"kpidata.1": data})
+    r = Run(args, workdir, "zemd-empty", campaign, ["--rate", "200"], {"kpidata.1": data})
     if not r.wait_started():
         raise RuntimeError("campaign never started")
-    rss, hwm = r.sample(r.zemd.pid, args.seconds)
+    rss, hwm = r.sample(r.daemon().p.pid, args.seconds)
     r.finish()
     report("zemd-empty", f"zemd ({len(data)} byte file)", rss, hwm)
 
@@ -198,38 +132,20 @@ def zemd_empty(args):
                       f"{usage.ru_maxrss / KIB:.1f} MiB")
 
 
-def control(sock, command):
-    import socket
-    s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    s.settimeout(30)
-    try:
-        s.connect(sock + ".ctl")
-        s.sendall((command + "\n").encode())
-        while s.recv(4096):
-            pass
-    finally:
-        s.close()
-
-
-def twenty_starts(args):
-    bounds = ", ".join(str(10 * i) for i in range(1, 1025))
-    campaign = "".join(
-        f"kpiCfgs {{ id: {i} type: KPI_NUMERIC subType: HISTOGRAM h_cfg {{ bucket_bounds: "
-        f"[{bounds}] underflow_en: true overflow_en: true }} nof_samples: 1 }}\n"
-        for i in range(1, 1025))
-    campaign += f'size_threshold: 4194304\ntime_threshold: 21600\ncfg_payload: "{"x" * 1048576}"\n'
-    r = Run(args, "twenty-starts", campaign, ["--rate", "200"])
+def twenty_starts(args, workdir):
+    campaign = largest_campaign()
+    r = Run(args, workdir, "twenty-starts", campaign, ["--rate", "200"])
     if not r.wait_started(seconds=60):
         raise RuntimeError("campaign never started")
     time.sleep(1)
-    after_one = status_kb(r.client.pid, "VmRSS")
+    after_one = proc_status(r.client().p.pid, "VmRSS")
     rss = [after_one]
     for _ in range(19):
-        control(r.sock, "start")
+        r.control("start", timeout=30)
         # The client answers each start before zemd's control reply.
         time.sleep(0.5)
-        rss.append(status_kb(r.client.pid, "VmRSS"))
-    hwm = status_kb(r.client.pid, "VmHWM")
+        rss.append(proc_status(r.client().p.pid, "VmRSS"))
+    hwm = proc_status(r.client().p.pid, "VmHWM")
     r.finish()
     report("twenty-starts", "client (after each start)", rss, hwm)
 
@@ -239,19 +155,15 @@ SCENARIOS = {"one-sample": one_sample, "huge-blob": huge_blob, "zemd-empty": zem
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__,
-                                 formatter_class=argparse.RawDescriptionHelpFormatter)
-    ap.add_argument("--zemd", required=True)
-    ap.add_argument("--client", required=True)
-    ap.add_argument("--zemdump")
-    ap.add_argument("--seconds", type=int, default=30)
-    ap.add_argument("--only", nargs="*")
-    args = ap.parse_args()
-    for name, func in SCENARIOS.items():
-        if args.only and name not in args.only:
-            continue
-        func(args)
-        sys.stdout.flush()
+    def add(ap):
+        ap.add_argument("--seconds", type=int, default=30)
+        ap.add_argument("--only", nargs="*")
+    args = arguments(__doc__, add)
+    with Workdir(args, "zem-mem-") as workdir:
+        for name, func in SCENARIOS.items():
+            if not args.only or name in args.only:
+                func(args, workdir)
+                sys.stdout.flush()
     return 0
 
 

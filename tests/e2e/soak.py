@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Bounded soak: one e2e_fault_client logging from two threads at full speed
+"""Bounded soak: one e2e_client logging from two threads at full speed
 while zemd starts and stops its campaign every second and is killed
 (SIGKILL) and restarted every 30 seconds. Samples the client's resident
 memory, open descriptors and threads once a second, and at the end counts the
@@ -16,16 +16,12 @@ end; windows closed into a file whose delivery raced a daemon kill and that a
 later file overtook) and the client's memory, descriptors and threads ended
 flat; 1 otherwise.
 """
-import argparse
 import os
-import shutil
-import signal
 import sys
-import tempfile
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from e2e_fault_ledger import Scenario, json_lines  # noqa: E402
+from e2e_fault_ledger import Scenario
+from harness import Workdir, arguments, json_lines, proc_status
 
 WINDOW = 1000
 CAMPAIGN = f"""
@@ -38,35 +34,27 @@ cfg_payload: "soak"
 
 
 def proc_stats(pid):
-    rss = threads = 0
+    """Resident kB, open descriptors and threads of process `pid`, or None."""
     try:
-        with open(f"/proc/{pid}/status") as f:
-            for line in f:
-                if line.startswith("VmRSS:"):
-                    rss = int(line.split()[1])
-                elif line.startswith("Threads:"):
-                    threads = int(line.split()[1])
         fds = len(os.listdir(f"/proc/{pid}/fd"))
     except OSError:
         return None
-    return rss, fds, threads
+    return proc_status(pid, "VmRSS"), fds, proc_status(pid, "Threads")
 
 
 def main():
-    ap = argparse.ArgumentParser(description=__doc__,
-                                 formatter_class=argparse.RawDescriptionHelpFormatter)
-    ap.add_argument("--zemd", required=True)
-    ap.add_argument("--client", required=True)
-    ap.add_argument("--seconds", type=int, default=600)
-    ap.add_argument("--transport", default="grpc", choices=("grpc", "binder"))
-    ap.add_argument("--keep")
-    ap.add_argument("--samples")
-    args = ap.parse_args()
-    args.zemdump = os.path.join(os.path.dirname(args.zemd), "zemdump")
-    workdir = args.keep or tempfile.mkdtemp(prefix="zem-soak-")
-    os.makedirs(workdir, exist_ok=True)
+    def add(ap):
+        ap.add_argument("--seconds", type=int, default=600)
+        ap.add_argument("--transport", default="grpc", choices=("grpc", "binder"))
+        ap.add_argument("--samples")
+    args = arguments(__doc__, add)
+    with Workdir(args, "zem-soak-") as workdir:
+        return soak(args, workdir)
+
+
+def soak(args, workdir):
     s = Scenario(args, "soak", args.transport, workdir)
-    s.campaign_file = lambda: _write(os.path.join(s.dir, "campaign.txtpb"), CAMPAIGN)
+    s.campaign_file = lambda: s.write("campaign.txtpb", CAMPAIGN)
     samples = []
     restarts = 0
     try:
@@ -110,9 +98,9 @@ def main():
     # a stop that follows a start closes windows.
     for line in c.out().splitlines():
         parts = line.split()
-        if len(parts) == 4 and parts[0] == "fault:" and parts[1] in ("start", "stop"):
+        if len(parts) >= 4 and parts[0] == "e2e:" and parts[1] in ("start-callback", "stop-callback"):
             counts = [int(parts[2]), int(parts[3])]
-            if parts[1] == "start":
+            if parts[1] == "start-callback":
                 started += 1
                 # A start on a running campaign replaces its KPIs, whose
                 # open windows go without being closed.
@@ -158,17 +146,9 @@ def main():
             f.write("t rss_kb fds threads\n")
             for x in samples:
                 f.write(" ".join(str(v) for v in x) + "\n")
-    if not args.keep:
-        shutil.rmtree(workdir, ignore_errors=True)
     if any(n.startswith(("HANG", "client died")) for n in s.notes):
         ok = False
     return 0 if ok else 1
-
-
-def _write(path, text):
-    with open(path, "w") as f:
-        f.write(text)
-    return path
 
 
 if __name__ == "__main__":

@@ -93,7 +93,8 @@ TEST_F(ToolsTest, ZemctlStartsStopsAndListsLiveClientsOfBothTransports) {
     auto daemon = startDaemon();
     Child grpc({E2E_CLIENT_BIN, "--socket", socket, "--cache", dir.file("cache")},
                dir.file("grpc.out"), dir.file("grpc.err"));
-    Child binder({BINDER_E2E_CLIENT_BIN, "--collectors", "1", "--cache", dir.file("cache")},
+    Child binder({E2E_CLIENT_BIN, "--transport", "binder", "--name", "bind", "--collectors", "1",
+                  "--cache", dir.file("cache")},
                  dir.file("binder.out"), dir.file("binder.err"));
     ASSERT_TRUE(eventually([&] {
         return events(daemon->out(), "register").size() == 2 &&
@@ -175,10 +176,10 @@ TEST_F(ToolsTest, ClientsThatDieLeaveTheClientList) {
     auto grpc = std::make_unique<Child>(std::vector<std::string>{E2E_CLIENT_BIN, "--socket", socket,
                                                                  "--cache", dir.file("cache")},
                                         dir.file("grpc.out"), dir.file("grpc.err"));
-    auto binder =
-            std::make_unique<Child>(std::vector<std::string>{BINDER_E2E_CLIENT_BIN, "--collectors",
-                                                             "2", "--cache", dir.file("cache")},
-                                    dir.file("binder.out"), dir.file("binder.err"));
+    auto binder = std::make_unique<Child>(
+            std::vector<std::string>{E2E_CLIENT_BIN, "--transport", "binder", "--name", "bind",
+                                     "--collectors", "2", "--cache", dir.file("cache")},
+            dir.file("binder.out"), dir.file("binder.err"));
     ASSERT_TRUE(eventually([&] { return lines(zemctl({"clients"}).out).size() == 3; }))
             << daemon->out();
 
