@@ -218,10 +218,10 @@ TEST_F(ToolsTest, ZemdumpSummaryFoldsEveryWindowOfEveryFileAndStillReportsABadOn
     g->set_min(5);
     g->set_max(9);
     g->set_mean(7);
+    window(early.mutable_gauges(), 2, 15, 16, 9)->set_max(100);  // neither min nor mean
     g = window(early.mutable_gauges(), 2, 10, 11, 1);
     g->set_min(1);
-    g->set_mean(1);                                              // no max in this window
-    window(early.mutable_gauges(), 2, 15, 16, 9)->set_max(100);  // neither min nor mean
+    g->set_mean(1);  // no max in this window
     auto* h = window(late.mutable_histograms(), 3, 20, 21, 7);
     for (uint32_t b : {1, 2, 3, 1}) h->add_bin_counts(b);
     h = window(early.mutable_histograms(), 3, 10, 11, 2);
