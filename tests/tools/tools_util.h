@@ -10,12 +10,7 @@
 
 namespace zem_tools_test {
 
-using zem_e2e::Child;
-using zem_e2e::count;
-using zem_e2e::events;
-using zem_e2e::eventually;
-using zem_e2e::jsonField;
-using zem_e2e::lines;
+using namespace zem_e2e;
 using zem_test::TempDir;
 
 // zemd and the clients run gRPC, whose uninstrumented code the thread
