@@ -7,24 +7,15 @@ namespace {
 
 using namespace zem_tools_test;
 
-// One cache file of `windows` windows per KPI: kCampaign's counter, gauge
-// with all three statistics, histogram and blob, and a gauge with the mean
-// only.
+// One cache file of `windows` windows per KPI: kCampaign's, and a gauge with
+// the mean only.
 std::string cacheFile(uint64_t start, int windows) {
     olvan::KPIData d;
-    d.set_version(olvan::V1);
-    for (int i = 0; i < windows; ++i) {
-        const uint64_t t = start + 10 * static_cast<uint64_t>(i);
-        window(d.mutable_counters(), 10, t, t + 9, 10)->set_value(static_cast<uint64_t>(i % 4));
-        auto* g = window(d.mutable_gauges(), 11, t, t + 9, 10);
-        g->set_min(55 + i % 3);
-        g->set_max(64 - i % 2);
-        g->set_mean(60.5f);
-        window(d.mutable_gauges(), 14, t, t + 9, 10)->set_mean(static_cast<float>(i) / 3);
-        auto* h = window(d.mutable_histograms(), 12, t, t + 9, 10);
-        for (const uint32_t b : {0u, static_cast<uint32_t>(i), 5u, 1u}) h->add_bin_counts(b);
-        window(d.mutable_blobs(), 13, t, t + 9, 1)
-                ->set_data(std::string(10 * static_cast<size_t>(i), 'x'));
+    for (uint32_t i = 0; i < static_cast<uint32_t>(windows); ++i) {
+        const uint64_t t = start + 10 * i;
+        appendWindows(&d, t, i % 4, 55 + i % 3, 64 - i % 2, 60.5f, {0, i, 5, 1},
+                      std::string(10 * i, 'x'));
+        window(d.mutable_gauges(), 14, t, t + 10, 10)->set_mean(static_cast<float>(i) / 3);
     }
     return d.SerializeAsString();
 }

@@ -13,22 +13,6 @@ namespace {
 
 using namespace zem_tools_test;
 
-// One window of each of kCampaign's KPIs.
-olvan::KPIData file(uint64_t start, uint64_t counter, uint32_t min, uint32_t max, float mean,
-                    std::vector<uint32_t> bins, const std::string& blob) {
-    olvan::KPIData d;
-    d.set_version(olvan::V1);
-    window(d.mutable_counters(), 10, start, start + 10, 10)->set_value(counter);
-    auto* g = window(d.mutable_gauges(), 11, start, start + 10, 10);
-    g->set_min(min);
-    g->set_max(max);
-    g->set_mean(mean);
-    auto* h = window(d.mutable_histograms(), 12, start, start + 10, 10);
-    for (const uint32_t b : bins) h->add_bin_counts(b);
-    window(d.mutable_blobs(), 13, start, start + 10, blob.size() > 3 ? 2 : 1)->set_data(blob);
-    return d;
-}
-
 TEST_F(ToolsTest, ZemdMetricsScrapedMatchTheWindowsClientsSent) {
     zem_test::writeFile(dir.file("k.txtpb"),
                         "kpi { id: 10 name: \"frames\" } kpi { id: 11 name: \"temp\" } "
@@ -49,13 +33,11 @@ TEST_F(ToolsTest, ZemdMetricsScrapedMatchTheWindowsClientsSent) {
     }
     // The second file also brings, as a record of its own, a window older
     // than every other: it adds to the totals but is not the latest window.
-    olvan::KPIData late;
-    window(late.mutable_counters(), 10, 50, 60, 10)->set_value(100);
-    const std::string files[] = {
-            file(100, 4, 3, 9, 5.5f, {1, 2, 3, 4}, "abcde").SerializeAsString(),
-            file(110, 6, 1, 4, 2.0f, {0, 1, 0, 2}, "xyz").SerializeAsString() +
-                    late.SerializeAsString(),
-    };
+    olvan::KPIData first, second;
+    appendWindows(&first, 100, 4, 3, 9, 5.5f, {1, 2, 3, 4}, "abcde");
+    appendWindows(&second, 110, 6, 1, 4, 2.0f, {0, 1, 0, 2}, "xyz");
+    window(second.mutable_counters(), 10, 50, 60, 10)->set_value(100);
+    const std::string files[] = {first.SerializeAsString(), second.SerializeAsString()};
     const auto steadyAtSend = std::chrono::steady_clock::now();
     const auto wallAtSend = std::chrono::system_clock::now();
     for (const std::string& bytes : files) {

@@ -48,6 +48,22 @@ Window* window(google::protobuf::RepeatedPtrField<Window>* into, uint32_t id, ui
     return w;
 }
 
+// Appends one version-1 window of each of kCampaign's KPIs, 10 tenths from
+// `start` with 10 samples each (the blob one or two).
+inline void appendWindows(olvan::KPIData* d, uint64_t start, uint64_t counter, uint32_t min,
+                          uint32_t max, float mean, const std::vector<uint32_t>& bins,
+                          const std::string& blob) {
+    d->set_version(olvan::V1);
+    window(d->mutable_counters(), 10, start, start + 10, 10)->set_value(counter);
+    auto* g = window(d->mutable_gauges(), 11, start, start + 10, 10);
+    g->set_min(min);
+    g->set_max(max);
+    g->set_mean(mean);
+    auto* h = window(d->mutable_histograms(), 12, start, start + 10, 10);
+    for (const uint32_t b : bins) h->add_bin_counts(b);
+    window(d->mutable_blobs(), 13, start, start + 10, blob.size() > 3 ? 2 : 1)->set_data(blob);
+}
+
 struct ToolRun {
     int status;
     std::string out, err;
