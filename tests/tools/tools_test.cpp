@@ -144,6 +144,7 @@ TEST_F(ToolsTest, ZemctlAndZemdExplainFailuresWithDistinctStatuses) {
         const ToolRun r = run(c.argv);
         EXPECT_EQ(r.status, c.status) << r.err;
         EXPECT_NE((r.out + r.err).find(c.text), std::string::npos) << r.out << r.err;
+        EXPECT_TRUE(c.status == 0 || r.out.empty()) << r.out;  // failures on stderr only
     }
 
     daemon->signal(SIGTERM);
