@@ -11,8 +11,6 @@
 
 namespace {
 
-using zem_test::TempDir;
-using zemtools::KPICatalog;
 using zemtools::WallClock;
 
 HistogramConfig bounds102030(bool underflow, bool overflow) {
@@ -33,7 +31,7 @@ olvan::Histogram window(std::vector<uint32_t> bins) {
 // Each layout's labels follow the bins the histogram fills: a value v lands
 // in the bin whose label interval holds it, and the cumulative buckets
 // (le = 10, 20, 30, +Inf) count exactly the binned values up to each bound.
-TEST(BinLayouts, LabelsAndPrometheusBucketsMatchWhereTheHistogramPutsEachValue) {
+TEST(MetricsExporterTest, BinLabelsAndPrometheusBucketsMatchWhereTheHistogramPutsEachValue) {
     struct Case {
         bool underflow, overflow;
         std::vector<std::string> labels;
@@ -77,20 +75,22 @@ TEST(BinLayouts, LabelsAndPrometheusBucketsMatchWhereTheHistogramPutsEachValue) 
     EXPECT_TRUE(zemtools::boundLabels(single).empty());
 }
 
-class CatalogTest : public ::testing::Test {
+class KPICatalogTest : public ::testing::Test {
   protected:
     bool load(const std::string& text, std::string* error) {
         zem_test::writeFile(dir.file("c.txtpb"), text);
         return catalog.load(dir.file("c.txtpb"), error);
     }
-    TempDir dir;
-    KPICatalog catalog;
+    zem_test::TempDir dir;
+    zemtools::KPICatalog catalog;
 };
 
-TEST_F(CatalogTest, NamesKpisAndPrefersItsOwnBinLabelsOnlyWhenTheyFit) {
+// Window lines and bin labels: the catalog's own labels only where they fit,
+// else the campaign's bounds, else none rather than wrong ones.
+TEST_F(KPICatalogTest, NamesKpisAndLabelsTheirBinsAndWindowsOnlyWhereTheyFit) {
     std::string error;
     ASSERT_TRUE(load(R"(kpi { id: 7 name: "latency" unit: "ms" bin_labels: ["fast", "slow"] }
-                       kpi { id: 8 name: "rate" })",
+                       kpi { id: 8 name: "rate" unit: "ms" })",
                      &error))
             << error;
     EXPECT_EQ(catalog.name(7), "latency");
@@ -101,17 +101,36 @@ TEST_F(CatalogTest, NamesKpisAndPrefersItsOwnBinLabelsOnlyWhenTheyFit) {
             R"(kpiCfgs { id: 7 type: KPI_NUMERIC subType: HISTOGRAM
                          h_cfg { bucket_bounds: [10, 20, 30] } }
                kpiCfgs { id: 8 type: KPI_NUMERIC subType: HISTOGRAM
-                         h_cfg { bucket_bounds: [10, 20, 30] underflow_en: true } })",
+                         h_cfg { bucket_bounds: [10, 20, 30] underflow_en: true overflow_en: true } })",
             &campaign));
     EXPECT_EQ(catalog.binLabels(7, 2, &campaign), (std::vector<std::string>{"fast", "slow"}));
-    // Three bins do not fit the catalog's two labels nor the campaign's
-    // two-bin layout of id 7: no labels rather than wrong ones.
     EXPECT_TRUE(catalog.binLabels(7, 3, &campaign).empty());
-    EXPECT_EQ(catalog.binLabels(8, 3, &campaign).front(), "underflow (<= 10)");
-    EXPECT_TRUE(catalog.binLabels(8, 3, nullptr).empty());
+    EXPECT_EQ(catalog.binLabels(8, 4, &campaign).front(), "underflow (<= 10)");
+    EXPECT_TRUE(catalog.binLabels(8, 4, nullptr).empty());
+
+    olvan::KPIData data;
+    *data.add_histograms() = window({1, 2, 3, 4});
+    data.mutable_histograms(0)->mutable_meta()->set_id(8);
+    data.mutable_histograms(0)->mutable_meta()->set_ts_start(1000);
+    data.mutable_histograms(0)->mutable_meta()->set_ts_end(1012);
+    WallClock clock;
+    ASSERT_TRUE(WallClock::parse("100=2026-01-01T00:00:00Z", &clock, &error));
+    const zemtools::WindowContext ctx{&catalog, &campaign, &clock};
+    EXPECT_EQ(
+            zemtools::formatWindows(data, false, "", ctx).at(0),
+            "rate     histogram t=100.0s..101.2s (2026-01-01T00:00:00.0Z..2026-01-01T00:00:01.2Z) "
+            "n=0     bins=[underflow (<= 10)=1, (10, 20]=2, (20, 30]=3, overflow (> 30)=4] [ms]");
+    EXPECT_EQ(zemtools::formatWindows(data, true, "", ctx).at(0),
+              R"({"id":8,"name":"rate","unit":"ms","kind":"histogram","ts_start":1000,)"
+              R"("ts_end":1012,"samples":0,"wall_start":"2026-01-01T00:00:00.0Z",)"
+              R"("wall_end":"2026-01-01T00:00:01.2Z","bins":[1,2,3,4],"bin_labels":)"
+              R"j(["underflow (<= 10)","(10, 20]","(20, 30]","overflow (> 30)"]})j");
+    // Without context the lines stay as they were.
+    EXPECT_EQ(zemtools::formatWindows(data, false, "").at(0),
+              "id=8     histogram t=100.0s..101.2s n=0     bins=[1 2 3 4]");
 }
 
-TEST_F(CatalogTest, RefusesFilesThatWouldNameTwoKpisAlikeOrNotParse) {
+TEST_F(KPICatalogTest, RefusesFilesThatWouldNameTwoKpisAlikeOrNotParse) {
     std::string error;
     EXPECT_FALSE(load("kpi { id: 1 name: \"a\" } kpi { id: 1 name: \"b\" }", &error));
     EXPECT_NE(error.find("id 1: listed more than once"), std::string::npos) << error;
@@ -125,7 +144,7 @@ TEST_F(CatalogTest, RefusesFilesThatWouldNameTwoKpisAlikeOrNotParse) {
     EXPECT_EQ(catalog.name(4), "ok");
 }
 
-TEST(WallClockReference, MapsSteadyTenthsToUtcFromEitherForm) {
+TEST(WallClockTest, MapsSteadyTenthsToUtcFromEitherForm) {
     for (const char* ref :
          {"100.0=2026-01-01T00:00:00Z", "100=1767225600", "100.25=2026-01-01T00:00:00.250Z"}) {
         SCOPED_TRACE(ref);
@@ -148,49 +167,6 @@ TEST(WallClockReference, MapsSteadyTenthsToUtcFromEitherForm) {
     ASSERT_TRUE(WallClock::parse(now.reference(), &again, &error)) << error;
     EXPECT_NEAR(again.unixSeconds(12345), now.unixSeconds(12345), 0.002);
     EXPECT_EQ(WallClock().iso(5), "");
-}
-
-TEST_F(CatalogTest, WindowLinesCarryNamesLabelsAndWallClockTimes) {
-    std::string error;
-    ASSERT_TRUE(load(R"(kpi { id: 7 name: "latency" unit: "ms" })", &error)) << error;
-    LTCCampaignDef campaign;
-    *campaign.add_kpicfgs() = [] {
-        KPICfg k;
-        k.set_id(7);
-        k.set_type(KPI_NUMERIC);
-        k.set_subtype(HISTOGRAM);
-        *k.mutable_h_cfg() = bounds102030(true, true);
-        return k;
-    }();
-    olvan::KPIData data;
-    *data.add_histograms() = window({1, 2, 3, 4});
-    data.mutable_histograms(0)->mutable_meta()->set_ts_start(1000);
-    data.mutable_histograms(0)->mutable_meta()->set_ts_end(1012);
-    WallClock clock;
-    ASSERT_TRUE(WallClock::parse("100=2026-01-01T00:00:00Z", &clock, &error));
-    zemtools::WindowContext ctx{&catalog, &campaign, &clock};
-
-    const std::string line = zemtools::formatWindows(data, false, "", ctx).at(0);
-    EXPECT_EQ(line.rfind("latency  histogram t=100.0s..101.2s "
-                         "(2026-01-01T00:00:00.0Z..2026-01-01T00:00:01.2Z)",
-                         0),
-              0u)
-            << line;
-    EXPECT_NE(line.find("bins=[underflow (<= 10)=1, (10, 20]=2, (20, 30]=3, overflow (> 30)=4] "
-                        "[ms]"),
-              std::string::npos)
-            << line;
-    const std::string json = zemtools::formatWindows(data, true, "", ctx).at(0);
-    EXPECT_NE(json.find("\"id\":7,\"name\":\"latency\",\"unit\":\"ms\""), std::string::npos)
-            << json;
-    EXPECT_NE(json.find("\"wall_start\":\"2026-01-01T00:00:00.0Z\""), std::string::npos) << json;
-    EXPECT_NE(json.find("\"bin_labels\":[\"underflow (<= 10)\",\"(10, 20]\""), std::string::npos)
-            << json;
-    // Without context the lines stay as they were.
-    EXPECT_EQ(zemtools::formatWindows(data, false, "")
-                      .at(0)
-                      .rfind("id=7     histogram t=100.0s..101.2s n=0     bins=[1 2 3 4]", 0),
-              0u);
 }
 
 }  // namespace

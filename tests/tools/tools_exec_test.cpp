@@ -1,54 +1,21 @@
 // zemd --exec: a program run under zemd reaches it at the library's fixed
 // socket path inside a private namespace, zemd exits with the program's
 // status and writes its report, and nothing appears in the host's /dev.
-#include <sys/stat.h>
-
-#include "TestUtil.h"
-#include "e2e_util.h"
+#include "tools_util.h"
 
 namespace {
 
-using zem_e2e::Child;
-using zem_e2e::events;
-using zem_e2e::jsonField;
-using zem_test::TempDir;
+using namespace zem_tools_test;
 
-// The example client links gRPC, whose uninstrumented code the thread
-// sanitizer needs told about.
-const bool kChildSuppressions = [] {
-    const char* old = getenv("TSAN_OPTIONS");
-    const std::string value = std::string(old ? old : "") + " suppressions=" GRPC_TSAN_SUPP;
-    return setenv("TSAN_OPTIONS", value.c_str(), 1) == 0;
-}();
-
-struct ZemdRun {
-    int status;
-    std::string out, err;
-};
-
-ZemdRun zemd(TempDir& dir, std::vector<std::string> args) {
-    static int n = 0;
-    const std::string name = "zemd" + std::to_string(++n);
-    args.insert(args.begin(), ZEMD_BIN);
-    Child c(args, dir.file(name + ".out"), dir.file(name + ".err"));
-    const int status = c.waitExit(std::chrono::seconds(60));
-    return {status, c.out(), c.err()};
-}
-
-bool exists(const char* path) {
-    struct stat st;
-    return lstat(path, &st) == 0;
-}
-
-TEST(ZemdExec, TheExampleClientRunsAgainstZemdAtTheFixedPathAndTheReportIsWritten) {
-    TempDir dir;
-    const bool hostHadSocketDir = exists("/dev/socket/olvand");
+TEST_F(ToolsTest, ZemdExecRunsTheExampleClientAtTheFixedPathAndWritesTheReport) {
+    const bool hostHadSocketDir = access("/dev/socket/olvand", F_OK) == 0;
     const std::string report = dir.file("report.html");
-    const ZemdRun r =
-            zemd(dir, {"--json", "--campaign", EXAMPLES_DIR "/frame_pipeline.campaign.txtpb",
-                       "--catalog", EXAMPLES_DIR "/frame_pipeline.catalog.txtpb", "--stop-after",
-                       "2", "--html", report, "--exec", "--", FRAME_PIPELINE_BIN, "--seconds", "1",
-                       "--wait", "30"});
+    const ToolRun r =
+            run({ZEMD_BIN, "--json", "--campaign", EXAMPLES_DIR "/frame_pipeline.campaign.txtpb",
+                 "--catalog", EXAMPLES_DIR "/frame_pipeline.catalog.txtpb", "--stop-after", "2",
+                 "--html", report, "--exec", "--", FRAME_PIPELINE_BIN, "--seconds", "1", "--wait",
+                 "30"},
+                std::chrono::seconds(60));
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_FALSE(events(r.out, "data").empty()) << r.out;
     const auto exited = events(r.out, "exec", "state", "exited");
@@ -64,11 +31,10 @@ TEST(ZemdExec, TheExampleClientRunsAgainstZemdAtTheFixedPathAndTheReportIsWritte
     for (const char* name : {"frame_latency", "frame_rate", "dropped_frames", "error_reports"}) {
         EXPECT_NE(page.find(std::string("<h2>") + name), std::string::npos) << name;
     }
-    EXPECT_EQ(exists("/dev/socket/olvand"), hostHadSocketDir);
+    EXPECT_EQ(access("/dev/socket/olvand", F_OK) == 0, hostHadSocketDir);
 }
 
-TEST(ZemdExec, ExitsWithTheProgramsStatusAndExplainsAProgramThatCannotRun) {
-    TempDir dir;
+TEST_F(ToolsTest, ZemdExecExitsWithTheProgramsStatusAndExplainsAProgramThatCannotRun) {
     struct Case {
         std::vector<std::string> command;
         int status;
@@ -85,9 +51,9 @@ TEST(ZemdExec, ExitsWithTheProgramsStatusAndExplainsAProgramThatCannotRun) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.command.back());
-        std::vector<std::string> args = {"--exec", "--"};
-        args.insert(args.end(), c.command.begin(), c.command.end());
-        const ZemdRun r = zemd(dir, args);
+        std::vector<std::string> argv = {ZEMD_BIN, "--exec", "--"};
+        argv.insert(argv.end(), c.command.begin(), c.command.end());
+        const ToolRun r = run(argv, std::chrono::seconds(60));
         EXPECT_EQ(r.status, c.status) << r.out << r.err;
         EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
     }
@@ -96,30 +62,19 @@ TEST(ZemdExec, ExitsWithTheProgramsStatusAndExplainsAProgramThatCannotRun) {
 // Run as an unprivileged user, zemd makes a user namespace too and the
 // program keeps that user's ids; where the kernel refuses, zemd says what is
 // missing.
-TEST(ZemdExec, WithoutRootTheProgramRunsInAUserNamespaceUnderItsOwnIds) {
+TEST_F(ToolsTest, ZemdExecWithoutRootRunsTheProgramInAUserNamespaceUnderItsOwnIds) {
     if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0) {
         GTEST_SKIP() << "needs root to drop to another user with setpriv";
     }
-    TempDir dir;
-    chmod(dir.file("").c_str(), 0777);
-    std::vector<std::string> argv = {"/usr/bin/setpriv",
-                                     "--reuid=65534",
-                                     "--regid=65534",
-                                     "--clear-groups",
-                                     "env",
-                                     "TMPDIR=" + dir.file(""),
-                                     ZEMD_BIN,
-                                     "--exec",
-                                     "--",
-                                     "/bin/sh",
-                                     "-c",
-                                     "test \"$(id -u)\" = 65534 && test -S /dev/socket/olvand/spc"};
-    Child c(argv, dir.file("nobody.out"), dir.file("nobody.err"));
-    const int status = c.waitExit(std::chrono::seconds(60));
-    if (status == 126 && c.err().find("user namespace") != std::string::npos) {
-        GTEST_SKIP() << "this kernel refuses unprivileged user namespaces: " << c.err();
+    chmod(dir.path().c_str(), 0777);
+    const ToolRun r = run({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                           "env", "TMPDIR=" + dir.path(), ZEMD_BIN, "--exec", "--", "/bin/sh", "-c",
+                           "test \"$(id -u)\" = 65534 && test -S /dev/socket/olvand/spc"},
+                          std::chrono::seconds(60));
+    if (r.status == 126 && r.err.find("user namespace") != std::string::npos) {
+        GTEST_SKIP() << "this kernel refuses unprivileged user namespaces: " << r.err;
     }
-    EXPECT_EQ(status, 0) << c.out() << c.err();
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
 }  // namespace

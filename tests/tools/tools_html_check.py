@@ -8,6 +8,7 @@ when the page holds CHARTS charts, each with as many marks as its kind
 draws for its windows, nothing runs or loads from elsewhere, and the
 screenshot is not blank and shows the colours of the charts' marks.
 """
+import collections
 import html.parser
 import os
 import struct
@@ -39,18 +40,14 @@ class Dom(html.parser.HTMLParser):
 
     def handle_starttag(self, tag, attrs):
         a = dict(attrs)
-        if tag == "script":
-            self.scripts += 1
-        for key in ("src", "href"):
-            if key in a and not a[key].startswith("#"):
-                self.external.append(a[key])
-        if tag == "section" and "kpi" in a.get("class", "").split():
+        classes = a.get("class", "").split()
+        self.scripts += tag == "script"
+        self.external += [a[k] for k in ("src", "href") if k in a and not a[k].startswith("#")]
+        if tag == "section" and "kpi" in classes:
             self.charts.append({"kpi": a.get("data-kpi"), "kind": a.get("data-kind"),
                                 "windows": int(a.get("data-windows", "0")), "marks": 0})
-        classes = a.get("class", "").split()
-        if self.charts and (tag, "mark") in [(t, c) for t in ("circle", "rect") for c in classes]:
-            self.charts[-1]["marks"] += 1
-        if self.charts and tag == "rect" and "cell" in classes:
+        elif self.charts and (tag in ("circle", "rect") and "mark" in classes or
+                              tag == "rect" and "cell" in classes):
             self.charts[-1]["marks"] += 1
 
 
@@ -118,10 +115,7 @@ def png_pixels(path):
 
 
 w, h, rows = png_pixels(screenshot)
-colours = {}
-for row in rows:
-    for px in row:
-        colours[px] = colours.get(px, 0) + 1
+colours = collections.Counter(px for row in rows for px in row)
 background = max(colours.values())
 inked = (w * h - background) / float(w * h)
 print("screenshot %dx%d, %d colours, %.1f%% not background" % (w, h, len(colours), inked * 100))

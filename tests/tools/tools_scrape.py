@@ -1,7 +1,7 @@
 """Scrapes a Prometheus endpoint over HTTP and prints every sample as parsed
 by the Prometheus client library's exposition-format parser, one per line:
 
-    TYPE SAMPLE_NAME LABEL=VALUE,... VALUE
+    SAMPLE_NAME{LABEL=VALUE,...} VALUE
 
 usage: tools_scrape.py URL
 """
@@ -18,4 +18,4 @@ with urllib.request.urlopen(sys.argv[1], timeout=10) as response:
 for family in text_string_to_metric_families(text):
     for sample in family.samples:
         labels = ",".join("%s=%s" % kv for kv in sorted(sample.labels.items()))
-        print("%s %s %s %r" % (family.type, sample.name, labels or "-", sample.value))
+        print("%s{%s} %r" % (sample.name, labels, sample.value))

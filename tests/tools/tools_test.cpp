@@ -1,101 +1,19 @@
 // The developer tools: zemd's control socket driven by zemctl against live
 // clients of both transports, zemctl's campaign check, and zemdump's summary
-// (its folding and drawing in-process, its command line as a process).
-#include <sys/stat.h>
-
-#include <memory>
-
-#include "TestUtil.h"
-#include "e2e_util.h"
+// and JSON output.
 #include "tools/JsonCheck.h"
 #include "tools/KPIDataFormat.h"
 #include "tools/KPISummary.h"
+#include "tools_util.h"
 
 namespace {
 
-using zem_e2e::Child;
-using zem_e2e::count;
-using zem_e2e::events;
-using zem_e2e::eventually;
-using zem_e2e::jsonField;
-using zem_e2e::lines;
-using zem_test::TempDir;
-
-const bool kChildSuppressions = [] {
-    const char* old = getenv("TSAN_OPTIONS");
-    const std::string value = std::string(old ? old : "") + " suppressions=" GRPC_TSAN_SUPP;
-    return setenv("TSAN_OPTIONS", value.c_str(), 1) == 0;
-}();
-
-const char* kCampaign = R"(
-kpiCfgs { id: 10 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 10 }
-kpiCfgs { id: 11 type: KPI_NUMERIC subType: GAUGE g_cfg { min: true max: true mean: true }
-          nof_samples: 10 }
-kpiCfgs { id: 12 type: KPI_NUMERIC subType: HISTOGRAM
-          h_cfg { bucket_bounds: [10, 20, 30] underflow_en: true overflow_en: true }
-          nof_samples: 10 }
-kpiCfgs { id: 13 type: KPI_BLOB
-          b_cfg { singleSampleSizeTresholdBytes: 64 sampleRateThresholdPerSec: 100 }
-          nof_samples: 2 }
-size_threshold: 65536
-time_threshold: 60
-)";
-
-struct ToolRun {
-    int status;
-    std::string out, err;
-};
-
-class ToolsTest : public ::testing::Test {
-  protected:
-    ToolsTest() {
-        static int n = 0;
-        setenv("HOST_BINDER_REGISTRY",
-               ("tools_" + std::to_string(getpid()) + "_" + std::to_string(++n)).c_str(), 1);
-        signal(SIGPIPE, SIG_IGN);
-        mkdir(dir.file("cache").c_str(), 0755);
-        mkdir(dir.file("scratch").c_str(), 0755);
-        zem_test::writeFile(campaign, kCampaign);
-    }
-
-    // Runs a tool to its end (bounded) and collects its output.
-    ToolRun run(std::vector<std::string> argv) {
-        Child c(argv, dir.file("tool.out"), dir.file("tool.err"));
-        const int status = c.waitExit(std::chrono::seconds(30));
-        return {status, c.out(), c.err()};
-    }
-
-    ToolRun zemctl(std::vector<std::string> args) {
-        args.insert(args.begin(), {ZEMCTL_BIN, "--socket", socket});
-        return run(args);
-    }
-
-    // Each daemon of a test writes to files of its own, so that waiting for
-    // one never reads what an earlier one printed.
-    std::unique_ptr<Child> startDaemon(std::vector<std::string> extra = {}) {
-        std::vector<std::string> argv = {ZEMD_BIN, "--socket", socket,
-                                         "--json", "--out",    dir.file("received")};
-        argv.insert(argv.end(), extra.begin(), extra.end());
-        const std::string name = "zemd" + std::to_string(++daemons);
-        auto d = std::make_unique<Child>(argv, dir.file(name + ".out"), dir.file(name + ".err"));
-        EXPECT_TRUE(eventually([&] { return !events(d->out(), "binder").empty(); }))
-                << d->out() << d->err();
-        return d;
-    }
-
-    TempDir dir;
-    int daemons = 0;
-    const std::string socket = dir.file("spc");
-    const std::string campaign = dir.file("campaign.txtpb");
-};
+using namespace zem_tools_test;
 
 TEST_F(ToolsTest, ZemctlStartsStopsAndListsLiveClientsOfBothTransports) {
     auto daemon = startDaemon();
-    Child grpc({E2E_CLIENT_BIN, "--socket", socket, "--cache", dir.file("cache")},
-               dir.file("grpc.out"), dir.file("grpc.err"));
-    Child binder({E2E_CLIENT_BIN, "--transport", "binder", "--name", "bind", "--collectors", "1",
-                  "--cache", dir.file("cache")},
-                 dir.file("binder.out"), dir.file("binder.err"));
+    auto grpc = startClient("grpc");
+    auto binder = startClient("binder");
     ASSERT_TRUE(eventually([&] {
         return events(daemon->out(), "register").size() == 2 &&
                !events(daemon->out(), "stream", "state", "open").empty();
@@ -106,7 +24,6 @@ TEST_F(ToolsTest, ZemctlStartsStopsAndListsLiveClientsOfBothTransports) {
     EXPECT_EQ(r.err, "");
     const auto rows = lines(r.out);
     ASSERT_EQ(rows.size(), 2u) << r.out;
-    const auto regs = events(daemon->out(), "register");
     const std::string grpcToken = jsonField(events(daemon->out(), "stream")[0], "clientid");
     for (const std::string& row : rows) {
         if (row.rfind("e2e\t", 0) == 0) {
@@ -115,6 +32,11 @@ TEST_F(ToolsTest, ZemctlStartsStopsAndListsLiveClientsOfBothTransports) {
             EXPECT_EQ(row.rfind("bind-0\t-\tbinder\tzemd-", 0), 0u) << row;
         }
     }
+    auto both = [&](const std::string& line, int times) {
+        return eventually([&] {
+            return count(grpc->out(), line) == times && count(binder->out(), line) == times;
+        });
+    };
 
     // Nothing to start before a campaign is known.
     r = zemctl({"start"});
@@ -125,43 +47,33 @@ TEST_F(ToolsTest, ZemctlStartsStopsAndListsLiveClientsOfBothTransports) {
     r = zemctl({"push", campaign});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out + r.err, "");
-    ASSERT_TRUE(eventually([&] {
-        return count(grpc.out(), "e2e: start-callback") == 1 &&
-               count(binder.out(), "e2e: start-callback") == 1;
-    })) << daemon->out();
-    grpc.send("log 12");
-    binder.send("log 12");
-    ASSERT_TRUE(eventually([&] {
-        return count(grpc.out(), "e2e: logged 12 rejected 0") == 1 &&
-               count(binder.out(), "e2e: logged 12 rejected 0") == 1;
-    })) << grpc.out()
-        << binder.out();
+    ASSERT_TRUE(both("e2e: start-callback", 1)) << daemon->out();
+    grpc->send("log 12");
+    binder->send("log 12");
+    ASSERT_TRUE(both("e2e: logged 12 rejected 0", 1)) << grpc->out() << binder->out();
 
-    // stop: both deliver their last file.
+    // stop: both deliver their last file; the gRPC client's 12 counter
+    // samples make a full window and a partial one.
     r = zemctl({"stop"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out + r.err, "");
     ASSERT_TRUE(eventually([&] {
         return events(daemon->out(), "data").size() == 2 &&
-               events(daemon->out(), "data", "transport", "binder").size() == 1;
+               events(daemon->out(), "data", "transport", "binder").size() == 1 &&
+               events(daemon->out(), "window", "id", "10").size() == 4;
     })) << daemon->out();
-    // The gRPC client's 12 counter samples: a full window and a partial one.
-    EXPECT_EQ(events(daemon->out(), "window", "id", "10").size(), 4u) << daemon->out();
 
     // start again: the same campaign, on both; -v says how many got it.
     r = zemctl({"-v", "start"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "");
-    ASSERT_TRUE(eventually([&] {
-        return count(grpc.out(), "e2e: start-callback") == 2 &&
-               count(binder.out(), "e2e: start-callback") == 2;
-    }));
+    ASSERT_TRUE(both("e2e: start-callback", 2));
 
     // Deregistered clients leave the list.
-    grpc.send("quit");
-    binder.send("quit");
-    EXPECT_EQ(grpc.waitExit(), 0);
-    EXPECT_EQ(binder.waitExit(), 0);
+    grpc->send("quit");
+    binder->send("quit");
+    EXPECT_EQ(grpc->waitExit(), 0);
+    EXPECT_EQ(binder->waitExit(), 0);
     ASSERT_TRUE(eventually([&] { return zemctl({"clients"}).out.empty(); }));
 
     r = zemctl({"quit"});
@@ -173,13 +85,8 @@ TEST_F(ToolsTest, ZemctlStartsStopsAndListsLiveClientsOfBothTransports) {
 
 TEST_F(ToolsTest, ClientsThatDieLeaveTheClientList) {
     auto daemon = startDaemon();
-    auto grpc = std::make_unique<Child>(std::vector<std::string>{E2E_CLIENT_BIN, "--socket", socket,
-                                                                 "--cache", dir.file("cache")},
-                                        dir.file("grpc.out"), dir.file("grpc.err"));
-    auto binder = std::make_unique<Child>(
-            std::vector<std::string>{E2E_CLIENT_BIN, "--transport", "binder", "--name", "bind",
-                                     "--collectors", "2", "--cache", dir.file("cache")},
-            dir.file("binder.out"), dir.file("binder.err"));
+    auto grpc = startClient("grpc");
+    auto binder = startClient("binder", 2);
     ASSERT_TRUE(eventually([&] { return lines(zemctl({"clients"}).out).size() == 3; }))
             << daemon->out();
 
@@ -188,51 +95,57 @@ TEST_F(ToolsTest, ClientsThatDieLeaveTheClientList) {
     ASSERT_TRUE(eventually([&] { return lines(zemctl({"clients"}).out).size() == 2; }));
     binder->signal(SIGKILL);
     binder->waitExit();
-    ASSERT_TRUE(eventually([&] { return zemctl({"clients"}).out.empty(); })) << daemon->out();
-    EXPECT_EQ(events(daemon->out(), "died").size(), 2u);
+    ASSERT_TRUE(eventually([&] {
+        return zemctl({"clients"}).out.empty() && events(daemon->out(), "died").size() == 2;
+    })) << daemon->out();
 }
 
 TEST_F(ToolsTest, ZemctlAndZemdExplainFailuresWithDistinctStatuses) {
-    // No daemon.
-    ToolRun r = zemctl({"stop"});
-    EXPECT_EQ(r.status, 3);
-    EXPECT_NE(r.err.find(socket + ".ctl"), std::string::npos) << r.err;
-    EXPECT_EQ(r.out, "");
-
-    // Usage errors never reach a daemon.
-    EXPECT_EQ(zemctl({"bogus"}).status, 2);
-    EXPECT_EQ(zemctl({"push"}).status, 2);
-    EXPECT_EQ(zemctl({"stop", "now"}).status, 2);
-    EXPECT_EQ(zemctl({"--frobnicate", "stop"}).status, 2);
-    r = run({ZEMCTL_BIN, "--help"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("examples:"), std::string::npos);
-    r = run({ZEMCTL_BIN});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.err.find("no command"), std::string::npos);
-
-    auto daemon = startDaemon({"--campaign", campaign});
-    // A campaign file that does not parse is refused with its position, and
-    // the running campaign stays.
     zem_test::writeFile(dir.file("bad.txtpb"), "size_threshold: 100\ntime_threshold: x\n");
-    r = zemctl({"push", dir.file("bad.txtpb")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find(dir.file("bad.txtpb") + ":2:17: Expected integer"), std::string::npos)
-            << r.err;
-    EXPECT_EQ(zemctl({"push", dir.file("missing.txtpb")}).status, 1);
-    // Out of the client's limits: sent anyway (a test may want that), with a
-    // warning.
     zem_test::writeFile(dir.file("big.txtpb"), "size_threshold: 99\ntime_threshold: 1\n");
-    r = zemctl({"push", dir.file("big.txtpb")});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.err.find("warning: size_threshold 99 is outside 100..4194304"), std::string::npos)
-            << r.err;
-
-    // A second zemd cannot take a live control socket.
-    r = run({ZEMD_BIN, "--socket", dir.file("other"), "--control-socket", socket + ".ctl"});
-    EXPECT_EQ(r.status, 3);
-    EXPECT_NE(r.err.find("another server is listening"), std::string::npos) << r.err;
-    EXPECT_EQ(run({ZEMD_BIN, "--socket", socket, "--control-socket", socket}).status, 2);
+    struct Case {
+        bool daemon;  // a zemd runs at `socket`
+        std::vector<std::string> argv;
+        int status;
+        std::string text;  // in the output or the error output
+    } cases[] = {
+            {false, {ZEMCTL_BIN, "--socket", socket, "stop"}, 3, socket + ".ctl"},
+            // Usage errors never reach a daemon.
+            {false, {ZEMCTL_BIN, "--socket", socket, "bogus"}, 2, ""},
+            {false, {ZEMCTL_BIN, "--socket", socket, "push"}, 2, ""},
+            {false, {ZEMCTL_BIN, "--socket", socket, "stop", "now"}, 2, ""},
+            {false, {ZEMCTL_BIN, "--socket", socket, "--frobnicate", "stop"}, 2, ""},
+            {false, {ZEMCTL_BIN, "--help"}, 0, "examples:"},
+            {false, {ZEMCTL_BIN}, 2, "no command"},
+            // A campaign file that does not parse is refused with its
+            // position, and the running campaign stays.
+            {true,
+             {ZEMCTL_BIN, "--socket", socket, "push", dir.file("bad.txtpb")},
+             1,
+             dir.file("bad.txtpb") + ":2:17: Expected integer"},
+            {true, {ZEMCTL_BIN, "--socket", socket, "push", dir.file("missing.txtpb")}, 1, ""},
+            // Out of the client's limits: sent anyway (a test may want
+            // that), with a warning.
+            {true,
+             {ZEMCTL_BIN, "--socket", socket, "push", dir.file("big.txtpb")},
+             0,
+             "warning: size_threshold 99 is outside 100..4194304"},
+            // A second zemd cannot take a live control socket.
+            {true,
+             {ZEMD_BIN, "--socket", dir.file("other"), "--control-socket", socket + ".ctl"},
+             3,
+             "another server is listening"},
+            {true, {ZEMD_BIN, "--socket", socket, "--control-socket", socket}, 2, ""},
+    };
+    std::unique_ptr<Child> daemon;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.argv.back());
+        if (c.daemon && !daemon) daemon = startDaemon({"--campaign", campaign});
+        const ToolRun r = run(c.argv);
+        EXPECT_EQ(r.status, c.status) << r.err;
+        EXPECT_NE((r.out + r.err).find(c.text), std::string::npos) << r.out << r.err;
+        EXPECT_TRUE(c.status == 0 || r.out.empty()) << r.out;  // failures on stderr only
+    }
 
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->waitExit(), 0);
@@ -246,153 +159,112 @@ TEST_F(ToolsTest, ZemctlAndZemdExplainFailuresWithDistinctStatuses) {
 }
 
 TEST_F(ToolsTest, ZemctlCheckReportsWhatAClientRefusesAndLeavesNothingBehind) {
-    const char* savedTmp = getenv("TMPDIR");
-    const std::string restore = savedTmp ? savedTmp : "";
-    setenv("TMPDIR", dir.file("scratch").c_str(), 1);
-    auto check = [&](const std::string& text) {
-        zem_test::writeFile(dir.file("c.txtpb"), text);
-        return run({ZEMCTL_BIN, "check", dir.file("c.txtpb")});
-    };
     const std::string limits = "size_threshold: 100\ntime_threshold: 21600\n";
-
-    ToolRun r = run({ZEMCTL_BIN, "check", campaign});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out + r.err, "");
-
-    r = check("size_threshold: 4194305\ntime_threshold: 1\n");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("check: invalid campaign config"), std::string::npos) << r.err;
-
-    r = check(limits + "kpiCfgs { id: 4 type: KPI_NUMERIC subType: COUNTER nof_samples: 1 }\n" +
-              "kpiCfgs { id: 5 type: KPI_EVENT nof_samples: 1 }\n");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("Unknown KPI Type: 201326592 to create"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("check: error: could not create KPI id: 5 from KPICfg"),
-              std::string::npos);
-    EXPECT_EQ(count(r.err, "could not create"), 1);
-
-    // Refused silently by the aggregator's own validation.
-    r = check(limits +
-              "kpiCfgs { id: 7 type: KPI_BLOB b_cfg { singleSampleSizeTresholdBytes: 3 } }\n");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("could not create KPI id: 7"), std::string::npos) << r.err;
-
-    // Accepted, but probably not meant.
-    r = check(limits +
-              "kpiCfgs { id: 8 type: KPI_NUMERIC subType: HISTOGRAM\n"
-              "          h_cfg { bucket_bounds: [10, 5] overflow_en: true } }\n");
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.err.find("KPI 8: no nof_samples or duration_msecs"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("KPI 8: bucket_bounds are not strictly ascending"), std::string::npos);
-    EXPECT_NE(r.err.find("KPI 8: overflow_en without underflow_en"), std::string::npos);
-
-    r = check("kpiCfgs { id: 1 typo: 3 }\n");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("c.txtpb:1:21: Message type \"KPICfg\" has no field named \"typo\""),
-              std::string::npos)
-            << r.err;
-    if (savedTmp) {
-        setenv("TMPDIR", restore.c_str(), 1);
-    } else {
-        unsetenv("TMPDIR");
+    struct Case {
+        std::string campaign;
+        int status;
+        std::vector<std::string> err;  // each once in the error output; none: silent
+    } cases[] = {
+            {kCampaign, 0, {}},
+            {"size_threshold: 4194305\ntime_threshold: 1\n", 1, {"check: invalid campaign config"}},
+            {limits + "kpiCfgs { id: 4 type: KPI_NUMERIC subType: COUNTER nof_samples: 1 }\n" +
+                     "kpiCfgs { id: 5 type: KPI_EVENT nof_samples: 1 }\n",
+             1,
+             {"Unknown KPI Type: 201326592 to create",
+              "check: error: could not create KPI id: 5 from KPICfg"}},
+            // Refused silently by the aggregator's own validation.
+            {limits + "kpiCfgs { id: 7 type: KPI_BLOB b_cfg { singleSampleSizeTresholdBytes: 3 } "
+                      "}\n",
+             1,
+             {"could not create KPI id: 7"}},
+            // Accepted, but probably not meant.
+            {limits + "kpiCfgs { id: 8 type: KPI_NUMERIC subType: HISTOGRAM\n" +
+                     "          h_cfg { bucket_bounds: [10, 5] overflow_en: true } }\n",
+             0,
+             {"KPI 8: no nof_samples or duration_msecs",
+              "KPI 8: bucket_bounds are not strictly ascending",
+              "KPI 8: overflow_en without underflow_en"}},
+            {"kpiCfgs { id: 1 typo: 3 }\n",
+             1,
+             {"c.txtpb:1:21: Message type \"KPICfg\" has no field named \"typo\""}},
+    };
+    TempDir scratch;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.campaign);
+        zem_test::writeFile(dir.file("c.txtpb"), c.campaign);
+        const ToolRun r = run({"/usr/bin/env", "TMPDIR=" + scratch.path(), ZEMCTL_BIN, "check",
+                               dir.file("c.txtpb")});
+        EXPECT_EQ(r.status, c.status) << r.err;
+        EXPECT_EQ(r.out, "");
+        std::string all;
+        for (const std::string& line : c.err) {
+            EXPECT_EQ(count(r.err, line), 1) << line << "\n" << r.err;
+            all += line;
+        }
+        EXPECT_EQ(count(r.err, "could not create"), count(all, "could not create")) << r.err;
+        EXPECT_EQ(c.err.empty(), r.err.empty()) << r.err;
     }
-
-    DIR* d = opendir(dir.file("scratch").c_str());
-    int entries = 0;
-    while (dirent* e = d ? readdir(d) : nullptr) entries += e->d_name[0] != '.';
-    if (d) closedir(d);
-    EXPECT_EQ(entries, 0) << "zemctl check left files in TMPDIR";
+    EXPECT_EQ(scratch.list(), std::vector<std::string>{}) << "zemctl check left files in TMPDIR";
 }
 
-olvan::MetaData* meta(olvan::MetaData* m, uint32_t id, uint64_t ts, uint64_t n) {
-    m->set_id(id);
-    m->set_ts_start(ts);
-    m->set_ts_end(ts + 1);
-    m->set_nof_samples(n);
-    return m;
-}
-
-// Two files of one client; the second was written first (earlier times).
-std::pair<olvan::KPIData, olvan::KPIData> twoFiles() {
+// Two files of one client, the second written first (earlier times), folded
+// into one row per KPI and kind: in time order, not file order; each gauge
+// statistic over the windows that report it, the mean the mean of the
+// windows' means; bin totals as long as the longest window.
+TEST_F(ToolsTest, ZemdumpSummaryFoldsEveryWindowOfEveryFileAndStillReportsABadOne) {
     olvan::KPIData late, early;
-    auto* c = late.add_counters();
-    meta(c->mutable_meta(), 1, 20, 4);
-    c->set_value(8);
-    c = early.add_counters();
-    meta(c->mutable_meta(), 1, 10, 2);
-    c->set_value(0);
-
-    auto* g = late.add_gauges();
-    meta(g->mutable_meta(), 2, 20, 3);
+    window(late.mutable_counters(), 1, 20, 21, 4)->set_value(8);
+    window(early.mutable_counters(), 1, 10, 11, 2)->set_value(0);
+    auto* g = window(late.mutable_gauges(), 2, 20, 21, 3);
     g->set_min(5);
     g->set_max(9);
     g->set_mean(7);
-    g = early.add_gauges();
-    meta(g->mutable_meta(), 2, 10, 1);
+    window(early.mutable_gauges(), 2, 15, 16, 9)->set_max(100);  // neither min nor mean
+    g = window(early.mutable_gauges(), 2, 10, 11, 1);
     g->set_min(1);
     g->set_mean(1);  // no max in this window
-    g = early.add_gauges();
-    meta(g->mutable_meta(), 2, 15, 9);
-    g->set_max(100);  // neither min nor mean
-
-    auto* h = late.add_histograms();
-    meta(h->mutable_meta(), 3, 20, 7);
+    auto* h = window(late.mutable_histograms(), 3, 20, 21, 7);
     for (uint32_t b : {1, 2, 3, 1}) h->add_bin_counts(b);
-    h = early.add_histograms();
-    meta(h->mutable_meta(), 3, 10, 2);
+    h = window(early.mutable_histograms(), 3, 10, 11, 2);
     for (uint32_t b : {2, 0}) h->add_bin_counts(b);
+    window(late.mutable_blobs(), 4, 20, 21, 2)->set_data("abcde");
+    // The same id as a counter in a later campaign: a row of its own.
+    window(late.mutable_counters(), 4, 30, 31, 1)->set_value(3);
+    zem_test::writeFile(dir.file("a"), late.SerializeAsString());
+    zem_test::writeFile(dir.file("b"), early.SerializeAsString());
+    zem_test::writeFile(dir.file("bad"), "\xff\xff");
 
-    auto* b = late.add_blobs();
-    meta(b->mutable_meta(), 4, 20, 2);
-    b->set_data("abcde");
-    // The same id as a counter in a later campaign: a separate row.
-    c = late.add_counters();
-    meta(c->mutable_meta(), 4, 30, 1);
-    c->set_value(3);
-    return {late, early};
+    ToolRun r = run({ZEMDUMP_BIN, "--summary", "--json", dir.file("a"), dir.file("b")});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(lines(r.out),
+              std::vector<std::string>({
+                      R"({"id":1,"kind":"counter","windows":2,"samples":6,"sum":8,"series":[0,8]})",
+                      R"({"id":2,"kind":"gauge","windows":3,"samples":13,"min":1,"max":100,)"
+                      R"("mean_of_means":4,"series":[1,100,7]})",
+                      R"({"id":3,"kind":"histogram","windows":2,"samples":9,"bins":[3,2,3,1],)"
+                      R"("series":[2,7]})",
+                      R"({"id":4,"kind":"blob","windows":1,"samples":2,"bytes":5})",
+                      R"({"id":4,"kind":"counter","windows":1,"samples":1,"sum":3,"series":[3]})",
+              }));
+
+    r = run({ZEMDUMP_BIN, "--summary", dir.file("a"), dir.file("bad"), dir.file("b")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("bad: not a cache file"), std::string::npos) << r.err;
+    EXPECT_NE(r.out.find("1          counter          2          6  sum=8"), std::string::npos)
+            << r.out;
+    EXPECT_NE(r.out.find("min=1 max=100 mean-of-means=4"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("bins=[3 2 3 1]"), std::string::npos);
+    EXPECT_NE(r.out.find("bytes=5"), std::string::npos);
+    EXPECT_NE(r.out.find("  bin 0   ████████████████████████████████████████ 3"), std::string::npos)
+            << r.out;
+    EXPECT_NE(r.out.find("▁█  value per window, max 8"), std::string::npos) << r.out;
+
+    // Usage errors.
+    EXPECT_EQ(run({ZEMDUMP_BIN}).status, 2);
+    EXPECT_EQ(run({ZEMDUMP_BIN, "--sumary", dir.file("a")}).status, 2);
 }
 
-TEST(KPISummary, FoldsEveryWindowOfEveryFileIntoOneRowPerKpiAndKind) {
-    zemtools::KPISummary s;
-    const auto files = twoFiles();
-    s.add(files.first);
-    s.add(files.second);
-    const auto rows = s.rows();
-    ASSERT_EQ(rows.size(), 5u);
-
-    EXPECT_EQ(rows[0].kind, "counter");
-    EXPECT_EQ(rows[0].windows, 2u);
-    EXPECT_EQ(rows[0].samples, 6u);
-    EXPECT_EQ(rows[0].counterSum, 8u);
-    // In time order, not file order.
-    ASSERT_EQ(rows[0].series.size(), 2u);
-    EXPECT_EQ(rows[0].series[0].second, 0);
-    EXPECT_EQ(rows[0].series[1].second, 8);
-
-    // Each gauge statistic over the windows that report it; the mean is the
-    // mean of the windows' means, not weighted by samples.
-    const auto& g = rows[1];
-    EXPECT_EQ(g.kind, "gauge");
-    EXPECT_EQ(g.windows, 3u);
-    EXPECT_EQ(g.samples, 13u);
-    EXPECT_EQ(g.min, 1u);
-    EXPECT_EQ(g.max, 100u);
-    EXPECT_EQ(g.meanWindows, 2u);
-    EXPECT_DOUBLE_EQ(g.meanOfMeans, 4.0);
-    ASSERT_EQ(g.series.size(), 3u);
-    EXPECT_EQ(g.series[1].second, 100);  // the max stands in for the missing mean
-
-    // Bin totals as long as the longest window.
-    EXPECT_EQ(rows[2].binTotals, (std::vector<uint64_t>{3, 2, 3, 1}));
-    EXPECT_EQ(rows[2].series[0].second, 2);  // samples per window
-
-    EXPECT_EQ(rows[3].kind, "blob");
-    EXPECT_EQ(rows[3].blobBytes, 5u);
-    EXPECT_EQ(rows[4].kind, "counter");
-    EXPECT_EQ(rows[4].id, 4u);
-}
-
-TEST(KPISummary, SparklinesScaleFromZeroAndAverageWideSeries) {
+TEST(KPISummaryTest, SparklinesScaleFromZeroAndAverageWideSeries) {
     EXPECT_EQ(zemtools::sparkline({}), "");
     EXPECT_EQ(zemtools::sparkline({0, 7, 14}), "▁▅█");
     EXPECT_EQ(zemtools::sparkline({0, 0}), "▁▁");
@@ -407,53 +279,15 @@ TEST(KPISummary, SparklinesScaleFromZeroAndAverageWideSeries) {
     EXPECT_EQ(zemtools::bar(1, 1000000, 4), "▏");  // never invisible
 }
 
-TEST_F(ToolsTest, ZemdumpSummaryCoversAllFilesAndStillReportsABadOne) {
-    const auto files = twoFiles();
-    zem_test::writeFile(dir.file("a"), files.first.SerializeAsString());
-    zem_test::writeFile(dir.file("b"), files.second.SerializeAsString());
-    zem_test::writeFile(dir.file("bad"), "\xff\xff");
-
-    ToolRun r = run({ZEMDUMP_BIN, "--summary", dir.file("a"), dir.file("bad"), dir.file("b")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("bad: not a cache file"), std::string::npos) << r.err;
-    EXPECT_NE(r.out.find("1          counter          2          6  sum=8"), std::string::npos)
-            << r.out;
-    EXPECT_NE(r.out.find("min=1 max=100 mean-of-means=4"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("bins=[3 2 3 1]"), std::string::npos);
-    EXPECT_NE(r.out.find("bytes=5"), std::string::npos);
-    EXPECT_NE(r.out.find("  bin 0   ████████████████████████████████████████ 3"), std::string::npos)
-            << r.out;
-    EXPECT_NE(r.out.find("▁█  value per window, max 8"), std::string::npos) << r.out;
-
-    r = run({ZEMDUMP_BIN, "--summary", "--json", dir.file("a"), dir.file("b")});
-    EXPECT_EQ(r.status, 0) << r.err;
-    const auto objs = lines(r.out);
-    ASSERT_EQ(objs.size(), 5u) << r.out;
-    EXPECT_EQ(jsonField(objs[2], "bins"), "[3,2,3,1]");
-    EXPECT_EQ(jsonField(objs[1], "mean_of_means"), "4");
-    EXPECT_EQ(jsonField(objs[0], "series"), "[0,8]");
-    EXPECT_EQ(jsonField(objs[3], "series"), "<absent>");  // blobs have no series
-
-    // Usage errors.
-    EXPECT_EQ(run({ZEMDUMP_BIN}).status, 2);
-    EXPECT_EQ(run({ZEMDUMP_BIN, "--sumary", dir.file("a")}).status, 2);
-}
-
 // zemd and zemdump decode window by window; what they print must be what a
 // merged parse of the whole file gives, for odd but valid encodings too, and
 // they must refuse what it refuses.
-TEST(CacheFileIndex, DecodesExactlyWhatAMergedParseDecodes) {
+TEST(CacheFileIndexTest, DecodesExactlyWhatAMergedParseDecodes) {
     olvan::KPIData real;
     real.set_version(olvan::V1);
     for (uint32_t id : {3u, 1u, 2u}) {
-        auto* c = real.add_counters();
-        c->mutable_meta()->set_id(id);
-        c->mutable_meta()->set_ts_start(5);
-        c->set_value(id * 10);
-        auto* g = real.add_gauges();
-        g->mutable_meta()->set_id(id);
-        g->mutable_meta()->set_ts_start(5 - id);
-        g->set_max(id);
+        window(real.mutable_counters(), id, 5, 0, 0)->set_value(id * 10);
+        window(real.mutable_gauges(), id, 5 - id, 0, 0)->set_max(id);
     }
     real.add_histograms()->add_bin_counts(4);
     real.add_blobs()->set_data("zz");
@@ -498,14 +332,11 @@ TEST(CacheFileIndex, DecodesExactlyWhatAMergedParseDecodes) {
 TEST_F(ToolsTest, ZemdumpJsonStaysValidForNonFiniteMeansAndOddFileNames) {
     olvan::KPIData data;
     data.set_version(olvan::V1);
-    const float means[] = {std::numeric_limits<float>::quiet_NaN(),
-                           std::numeric_limits<float>::infinity(),
-                           -std::numeric_limits<float>::infinity(), 1.5f};
-    for (size_t i = 0; i < 4; ++i) {
-        auto* g = data.add_gauges();
-        g->mutable_meta()->set_id(7);
-        g->mutable_meta()->set_ts_start(i);
-        g->set_mean(means[i]);
+    for (const float mean :
+         {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+          -std::numeric_limits<float>::infinity(), 1.5f}) {
+        window(data.mutable_gauges(), 7, static_cast<uint64_t>(data.gauges_size()), 0, 0)
+                ->set_mean(mean);
     }
     // A file name that is not UTF-8, with a quote and a control character.
     const std::string name = dir.file("odd\xff\xc3\"\x01");
@@ -515,11 +346,11 @@ TEST_F(ToolsTest, ZemdumpJsonStaysValidForNonFiniteMeansAndOddFileNames) {
     ASSERT_EQ(r.status, 0) << r.err;
     const auto objs = lines(r.out);
     ASSERT_EQ(objs.size(), 4u) << r.out;
-    for (const std::string& o : objs) EXPECT_TRUE(zemtools::isValidJson(o)) << o;
-    EXPECT_EQ(jsonField(objs[0], "mean"), "null");
-    EXPECT_EQ(jsonField(objs[1], "mean"), "null");
-    EXPECT_EQ(jsonField(objs[2], "mean"), "null");
-    EXPECT_EQ(jsonField(objs[3], "mean"), "1.5");
+    const char* means[] = {"null", "null", "null", "1.5"};
+    for (size_t i = 0; i < objs.size(); ++i) {
+        EXPECT_TRUE(zemtools::isValidJson(objs[i])) << objs[i];
+        EXPECT_EQ(jsonField(objs[i], "mean"), means[i]);
+    }
 
     r = run({ZEMDUMP_BIN, "--summary", "--json", name});
     ASSERT_EQ(r.status, 0) << r.err;

@@ -1,0 +1,133 @@
+// Scaffolding shared by the tools' tests: zemd, zemctl, zemdump and test
+// clients run as real processes in a scratch folder of their own, and cache
+// files built window by window.
+#pragma once
+
+#include <memory>
+
+#include "TestUtil.h"
+#include "e2e_util.h"
+
+namespace zem_tools_test {
+
+using namespace zem_e2e;
+using zem_test::TempDir;
+
+// zemd and the clients run gRPC, whose uninstrumented code the thread
+// sanitizer needs told about.
+inline const bool kChildSuppressions = [] {
+    const char* old = getenv("TSAN_OPTIONS");
+    const std::string value = std::string(old ? old : "") + " suppressions=" GRPC_TSAN_SUPP;
+    return setenv("TSAN_OPTIONS", value.c_str(), 1) == 0;
+}();
+
+// A campaign of every KPI kind, within a client's limits.
+inline const char* const kCampaign = R"(
+kpiCfgs { id: 10 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 10 }
+kpiCfgs { id: 11 type: KPI_NUMERIC subType: GAUGE g_cfg { min: true max: true mean: true }
+          nof_samples: 10 }
+kpiCfgs { id: 12 type: KPI_NUMERIC subType: HISTOGRAM
+          h_cfg { bucket_bounds: [10, 20, 30] underflow_en: true overflow_en: true }
+          nof_samples: 10 }
+kpiCfgs { id: 13 type: KPI_BLOB
+          b_cfg { singleSampleSizeTresholdBytes: 64 sampleRateThresholdPerSec: 100 }
+          nof_samples: 2 }
+size_threshold: 65536
+time_threshold: 60
+)";
+
+// Appends a window of KPI `id` to one of a KPIData's lists.
+template <class Window>
+Window* window(google::protobuf::RepeatedPtrField<Window>* into, uint32_t id, uint64_t start,
+               uint64_t end, uint64_t samples) {
+    Window* w = into->Add();
+    w->mutable_meta()->set_id(id);
+    w->mutable_meta()->set_ts_start(start);
+    w->mutable_meta()->set_ts_end(end);
+    w->mutable_meta()->set_nof_samples(samples);
+    return w;
+}
+
+// Appends one version-1 window of each of kCampaign's KPIs, 10 tenths from
+// `start` with 10 samples each (the blob one or two).
+inline void appendWindows(olvan::KPIData* d, uint64_t start, uint64_t counter, uint32_t min,
+                          uint32_t max, float mean, const std::vector<uint32_t>& bins,
+                          const std::string& blob) {
+    d->set_version(olvan::V1);
+    window(d->mutable_counters(), 10, start, start + 10, 10)->set_value(counter);
+    auto* g = window(d->mutable_gauges(), 11, start, start + 10, 10);
+    g->set_min(min);
+    g->set_max(max);
+    g->set_mean(mean);
+    auto* h = window(d->mutable_histograms(), 12, start, start + 10, 10);
+    for (const uint32_t b : bins) h->add_bin_counts(b);
+    window(d->mutable_blobs(), 13, start, start + 10, blob.size() > 3 ? 2 : 1)->set_data(blob);
+}
+
+struct ToolRun {
+    int status;
+    std::string out, err;
+};
+
+// A scratch folder with kCampaign in it, a binder registry of the test's own,
+// and zemd, zemctl and clients at the service socket `socket`.
+class ToolsTest : public ::testing::Test {
+  protected:
+    ToolsTest() {
+        static int n = 0;
+        setenv("HOST_BINDER_REGISTRY",
+               ("tools_" + std::to_string(getpid()) + "_" + std::to_string(++n)).c_str(), 1);
+        signal(SIGPIPE, SIG_IGN);
+        mkdir(dir.file("cache").c_str(), 0755);
+        zem_test::writeFile(campaign, kCampaign);
+    }
+
+    // Runs a program to its end (bounded); every run writes files of its
+    // own, so that nothing reads what an earlier one printed.
+    ToolRun run(const std::vector<std::string>& argv,
+                std::chrono::seconds timeout = std::chrono::seconds(30)) {
+        const std::string name = dir.file("run" + std::to_string(++children));
+        Child c(argv, name + ".out", name + ".err");
+        const int status = c.waitExit(timeout);
+        return {status, c.out(), c.err()};
+    }
+
+    ToolRun zemctl(std::vector<std::string> args) {
+        args.insert(args.begin(), {ZEMCTL_BIN, "--socket", socket});
+        return run(args);
+    }
+
+    // zemd with JSON output, serving both transports once it returns.
+    std::unique_ptr<Child> startDaemon(std::vector<std::string> extra = {}) {
+        std::vector<std::string> argv = {ZEMD_BIN, "--socket", socket,
+                                         "--json", "--out",    dir.file("received")};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        auto d = start(argv);
+        EXPECT_TRUE(eventually([&] { return !events(d->out(), "binder").empty(); }))
+                << d->out() << d->err();
+        return d;
+    }
+
+    // The test client of either transport ("grpc" or "binder") with its
+    // cache in the scratch folder; the binder one runs `collectors`
+    // collectors.
+    std::unique_ptr<Child> startClient(const std::string& transport, int collectors = 1) {
+        if (transport == "grpc") {
+            return start({E2E_CLIENT_BIN, "--socket", socket, "--cache", dir.file("cache")});
+        }
+        return start({E2E_CLIENT_BIN, "--transport", "binder", "--name", "bind", "--collectors",
+                      std::to_string(collectors), "--cache", dir.file("cache")});
+    }
+
+    std::unique_ptr<Child> start(const std::vector<std::string>& argv) {
+        const std::string name = dir.file("child" + std::to_string(++children));
+        return std::make_unique<Child>(argv, name + ".out", name + ".err");
+    }
+
+    TempDir dir;
+    int children = 0;
+    const std::string socket = dir.file("spc");
+    const std::string campaign = dir.file("campaign.txtpb");
+};
+
+}  // namespace zem_tools_test
