@@ -1,6 +1,7 @@
-// Pieces shared by the binder fuzz targets and the seed generator: a daemon
-// stand-in serving IZEMManager, a parcel built from fuzz input, and a
-// process set up as a binder client registered with that stand-in.
+// The harness of the binder fuzz targets: a daemon stand-in serving
+// IZEMManager, a process set up as a binder client registered with that
+// stand-in, a parcel built from fuzz input, and the calls a proxy of the
+// manager makes.
 //
 // Parcel ops read by buildParcel, until the input ends (at most kMaxOps):
 //   0 interface token: u8 which (0 "IZEMManager", 1 "IZEMCallback", else a
@@ -10,7 +11,8 @@
 //     callback)              6 bool: u8          7 raw bytes: blob
 //   8 binder::Status: u32 exception code, u32 service-specific code, blob
 //     message
-// op % 9 picks the operation.
+// op % 9 picks the operation. fillParcel takes instead the rest of the input
+// as the parcel's raw bytes when asked to.
 #pragma once
 
 #include <binder/IServiceManager.h>
@@ -70,11 +72,13 @@ struct BinderWorld {
     ScratchDir* cache = nullptr;
 };
 
-// Publishes the stand-in in a registry of this process's own (so parallel
-// runs never meet), starts the pool, and registers one collector through the
-// binder client. Call once, before any other binder use.
+// Silences the log, publishes the stand-in in a registry of this process's
+// own (so parallel runs never meet), starts the pool, and registers one
+// collector through the binder client. The first call comes before any other
+// binder use.
 inline BinderWorld& binderWorld() {
     static BinderWorld* world = [] {
+        silenceLog();
         auto* w = new BinderWorld();
         const std::string registry = "zem_fuzz_" + std::to_string(getpid());
         setenv("HOST_BINDER_REGISTRY", registry.c_str(), 1);
@@ -86,13 +90,10 @@ inline BinderWorld& binderWorld() {
         android::ProcessState::self()->startThreadPool();
 
         w->cache = new ScratchDir();
-        zem_cfg_s cfg{};
-        cfg.name = "fuzz.binder";
-        cfg.version = 0x0100;
-        cfg.cache_dir = w->cache->path().c_str();
+        zem_cfg_s cfg = collectorCfg("fuzz.binder", *w->cache);
         cfg.transport = 1;
         w->collector = new zem_collector(cfg);
-        if (zemAIDLClient::getClientInstance()->registerClient("fuzz.binder", 0x0100,
+        if (zemAIDLClient::getClientInstance()->registerClient(cfg.name, cfg.version,
                                                                w->collector) != 0) {
             abort();
         }
@@ -105,19 +106,15 @@ inline BinderWorld& binderWorld() {
 
 constexpr int kMaxParcelOps = 64;
 
-inline void buildParcel(ByteReader& in, android::Parcel* p, int maxOps = kMaxParcelOps) {
+inline void buildParcel(ByteReader& in, android::Parcel* p) {
     BinderWorld& world = binderWorld();
-    for (int i = 0; i < maxOps && !in.empty(); ++i) {
+    for (int i = 0; i < kMaxParcelOps && !in.empty(); ++i) {
         switch (in.u8() % 9) {
             case 0: {
                 const uint8_t which = in.u8();
-                if (which == 0) {
-                    p->writeInterfaceToken(IZEMManager::descriptor);
-                } else if (which == 1) {
-                    p->writeInterfaceToken(IZEMCallback::descriptor);
-                } else {
-                    p->writeInterfaceToken(android::String16(in.blob().c_str()));
-                }
+                p->writeInterfaceToken(which == 0   ? IZEMManager::descriptor
+                                       : which == 1 ? IZEMCallback::descriptor
+                                                    : android::String16(in.blob().c_str()));
                 break;
             }
             case 1:
@@ -127,7 +124,7 @@ inline void buildParcel(ByteReader& in, android::Parcel* p, int maxOps = kMaxPar
                 p->writeInt64(static_cast<int64_t>(in.u64()));
                 break;
             case 3: {
-                const bool registered = (in.u8() & 1) != 0;
+                const bool registered = in.flag();
                 const std::string s = in.blob();
                 p->writeUtf8AsUtf16(registered ? std::string(kToken) : s);
                 break;
@@ -146,7 +143,7 @@ inline void buildParcel(ByteReader& in, android::Parcel* p, int maxOps = kMaxPar
                 break;
             }
             case 6:
-                p->writeBool((in.u8() & 1) != 0);
+                p->writeBool(in.flag());
                 break;
             case 7: {
                 const std::string s = in.blob();
@@ -168,6 +165,42 @@ inline void buildParcel(ByteReader& in, android::Parcel* p, int maxOps = kMaxPar
             }
         }
     }
+}
+
+inline void fillParcel(ByteReader& in, bool raw, android::Parcel* p) {
+    if (raw) {
+        const std::string bytes = in.rest();
+        p->setData(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+    } else {
+        buildParcel(in, p);
+    }
+}
+
+// Calls the manager through `proxy`: slot % 4 picks registerZEMClient,
+// checkForPendingCampaign, deregisterZEMClient or sendData.
+inline void callManager(const android::sp<IZEMManager>& proxy, uint8_t slot) {
+    std::string token;
+    bool sent = false;
+    switch (slot % 4) {
+        case 0:
+            proxy->registerZEMClient("fuzz", binderWorld().callback, &token);
+            break;
+        case 1:
+            proxy->checkForPendingCampaign(kToken);
+            break;
+        case 2:
+            proxy->deregisterZEMClient(kToken);
+            break;
+        default:
+            proxy->sendData({1, 2, 3}, kToken, &sent);
+            break;
+    }
+}
+
+// Ends whatever campaign the input started and removes its cache files.
+inline void endInput() {
+    binderWorld().collector->StopCampaign();
+    binderWorld().cache->clear();
 }
 
 }  // namespace zem_fuzz
