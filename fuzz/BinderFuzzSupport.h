@@ -33,6 +33,8 @@
 
 namespace zem_fuzz {
 
+using android::binder::Status;
+
 constexpr const char* kServiceName = "vendor_zemsdkservice";
 constexpr const char* kToken = "fuzz-token";
 
@@ -41,26 +43,21 @@ constexpr const char* kToken = "fuzz-token";
 // status.
 class FakeManager : public BnZEMManager {
   public:
-    android::binder::Status registerZEMClient(const std::string& name,
-                                              const android::sp<IZEMCallback>&,
-                                              std::string* token) override {
+    Status registerZEMClient(const std::string& name, const android::sp<IZEMCallback>&,
+                             std::string* token) override {
         *token = name.empty() ? std::string() : kToken;
-        return android::binder::Status::ok();
+        return Status::ok();
     }
-    android::binder::Status checkForPendingCampaign(const std::string&) override {
-        return android::binder::Status::ok();
-    }
-    android::binder::Status deregisterZEMClient(const std::string& token) override {
+    Status checkForPendingCampaign(const std::string&) override { return Status::ok(); }
+    Status deregisterZEMClient(const std::string& token) override {
         if (token.empty()) {
-            return android::binder::Status::fromExceptionCode(
-                    android::binder::Status::EX_ILLEGAL_ARGUMENT, "empty token");
+            return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "empty token");
         }
-        return android::binder::Status::ok();
+        return Status::ok();
     }
-    android::binder::Status sendData(const std::vector<uint8_t>& data, const std::string&,
-                                     bool* result) override {
+    Status sendData(const std::vector<uint8_t>& data, const std::string&, bool* result) override {
         *result = !data.empty();
-        return android::binder::Status::ok();
+        return Status::ok();
     }
 };
 
@@ -68,17 +65,17 @@ class FakeManager : public BnZEMManager {
 struct BinderWorld {
     android::sp<FakeManager> manager;
     android::sp<IZEMCallback> callback;  // the client's callback object
-    zem_collector* collector = nullptr;  // registered under kToken
-    ScratchDir* cache = nullptr;
+    zem_collector* collector = nullptr;  // registered under kToken, caching in emptyScratch()
 };
 
-// Silences the log, publishes the stand-in in a registry of this process's
-// own (so parallel runs never meet), starts the pool, and registers one
-// collector through the binder client. The first call comes before any other
-// binder use.
+// Publishes the stand-in in a registry of this process's own (so parallel
+// runs never meet), starts the pool, and registers one collector through the
+// binder client. The first call comes before any other binder use.
 inline BinderWorld& binderWorld() {
     static BinderWorld* world = [] {
-        silenceLog();
+        // The first call of emptyScratch() silences the log.
+        zem_cfg_s cfg = collectorCfg("fuzz.binder", emptyScratch());
+        cfg.transport = 1;
         auto* w = new BinderWorld();
         const std::string registry = "zem_fuzz_" + std::to_string(getpid());
         setenv("HOST_BINDER_REGISTRY", registry.c_str(), 1);
@@ -89,9 +86,6 @@ inline BinderWorld& binderWorld() {
         }
         android::ProcessState::self()->startThreadPool();
 
-        w->cache = new ScratchDir();
-        zem_cfg_s cfg = collectorCfg("fuzz.binder", *w->cache);
-        cfg.transport = 1;
         w->collector = new zem_collector(cfg);
         if (zemAIDLClient::getClientInstance()->registerClient(cfg.name, cfg.version,
                                                                w->collector) != 0) {
@@ -121,7 +115,7 @@ inline void buildParcel(ByteReader& in, android::Parcel* p) {
                 p->writeInt32(static_cast<int32_t>(in.u32()));
                 break;
             case 2:
-                p->writeInt64(static_cast<int64_t>(in.u64()));
+                p->writeInt64(static_cast<int64_t>(in.take<uint64_t>()));
                 break;
             case 3: {
                 const bool registered = in.flag();
@@ -154,12 +148,9 @@ inline void buildParcel(ByteReader& in, android::Parcel* p) {
                 const int32_t exception = static_cast<int32_t>(in.u32());
                 const int32_t code = static_cast<int32_t>(in.u32());
                 const std::string message = in.blob();
-                android::binder::Status status =
-                        exception == android::binder::Status::EX_SERVICE_SPECIFIC
-                                ? android::binder::Status::fromServiceSpecificError(code,
-                                                                                    message.c_str())
-                                : android::binder::Status::fromExceptionCode(exception,
-                                                                             message.c_str());
+                Status status = exception == Status::EX_SERVICE_SPECIFIC
+                                        ? Status::fromServiceSpecificError(code, message.c_str())
+                                        : Status::fromExceptionCode(exception, message.c_str());
                 status.writeToParcel(p);
                 break;
             }
@@ -200,7 +191,7 @@ inline void callManager(const android::sp<IZEMManager>& proxy, uint8_t slot) {
 // Ends whatever campaign the input started and removes its cache files.
 inline void endInput() {
     binderWorld().collector->StopCampaign();
-    binderWorld().cache->clear();
+    emptyScratch();
 }
 
 }  // namespace zem_fuzz

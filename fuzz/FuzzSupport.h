@@ -40,7 +40,6 @@ class ByteReader {
     uint8_t u8() { return take<uint8_t>(); }
     uint16_t u16() { return take<uint16_t>(); }
     uint32_t u32() { return take<uint32_t>(); }
-    uint64_t u64() { return take<uint64_t>(); }
     bool flag() { return (u8() & 1) != 0; }
 
     std::string bytes(size_t n) {

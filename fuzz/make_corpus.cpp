@@ -16,8 +16,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <limits>
-#include <sstream>
 #include <string>
 
 #include "fuzz/FuzzSupport.h"
@@ -42,13 +42,12 @@ void seed(const std::string& target, const std::string& name, const std::string&
 
 std::string readWhole(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // A campaign of one KPI of each kind the collector takes, every optional
-// statistic on.
+// statistic on, a histogram without its underflow bin, and a second
+// configuration for an id, which replaces the first.
 constexpr const char* kEveryKind = R"(
 kpiCfgs { id: 1 type: KPI_NUMERIC subType: COUNTER c_cfg { aggregate: true } nof_samples: 4 }
 kpiCfgs { id: 2 type: KPI_NUMERIC subType: GAUGE duration_msecs: 1000
@@ -59,6 +58,9 @@ kpiCfgs { id: 3 type: KPI_NUMERIC subType: HISTOGRAM duration_msecs: 500
 kpiCfgs { id: 4 type: KPI_BLOB nof_samples: 2
           b_cfg { singleSampleSizeTresholdBytes: 64 sampleRateThresholdPerSec: 10 } }
 kpiCfgs { id: 5 type: KPI_STATE nof_samples: 3 }
+kpiCfgs { id: 6 type: KPI_NUMERIC subType: HISTOGRAM nof_samples: 4
+          h_cfg { bucket_bounds: [10, 20] overflow_en: true } }
+kpiCfgs { id: 1 type: KPI_NUMERIC subType: COUNTER c_cfg { aggregate: false } nof_samples: 2 }
 size_threshold: 4096 time_threshold: 60 cfg_payload: "payload for the start callback"
 )";
 
@@ -81,20 +83,29 @@ void campaignAndCommandSeeds(const std::string& exampleTxtpb) {
          campaign(readWhole(exampleTxtpb), exampleTxtpb).SerializeAsString());
     seed("campaign_fuzzer", "every_kind", everyKind());
 
-    olvan::CommandRequest start;
-    start.mutable_startcampaign()->set_campaignid(11);
-    start.mutable_startcampaign()->add_notifications(1);
-    start.mutable_startcampaign()->set_campaignconfig(everyKind());
-    olvan::CommandRequest stop;
-    stop.mutable_stopcampaign()->set_campaignid(11);
+    // One command of each kind, a second start that merges into the running
+    // campaign, and a stop with none running; a start carries the campaign of
+    // every kind.
     zem_fuzz::ByteWriter commands;
-    commands.blob(start.SerializeAsString()).blob(stop.SerializeAsString());
-    seed("command_fuzzer", "start_stop", commands.str());
+    const std::string start = "startCampaign { campaignID: 11 notifications: 1 }";
+    const std::string stop = "stopCampaign { campaignID: 11 }";
+    for (const std::string& text :
+         {start, std::string("startCollection { counters: 'cpu' }"),
+          std::string("stopCollection { counters: 'cpu' }"), start, stop, stop}) {
+        olvan::CommandRequest request;
+        google::protobuf::TextFormat::ParseFromString(text, &request);
+        if (request.has_startcampaign()) {
+            request.mutable_startcampaign()->set_campaignconfig(everyKind());
+        }
+        commands.blob(request.SerializeAsString());
+    }
+    seed("command_fuzzer", "every_command", commands.str());
 }
 
-// One stream of every operation of the kpi target, after each KPI's
-// configuration: every histogram bin, blobs around the size threshold, state
-// changes, and steps across the windows' durations.
+// One stream of every operation of the kpi target, after each KPI
+// configuration of the campaign of every kind (seed kpi_cfg_N after its Nth):
+// every histogram bin, blobs around the size threshold, state changes, and
+// steps across the windows' durations.
 void kpiSeeds() {
     constexpr uint8_t kMs = 5 * 2;  // the step unit of an operation
     const std::string blobs[] = {"first", std::string(64, 'x'), std::string(65, 'y')};
@@ -107,13 +118,12 @@ void kpiSeeds() {
         ++i;
     }
     ops.u8(kMs + 1).u16(2000).u8(4).u16(0);
-    const char* names[] = {"counter", "gauge", "histogram", "blob", "state"};
     LTCCampaignDef def;
     def.ParseFromString(everyKind());
     for (int k = 0; k < def.kpicfgs_size(); ++k) {
         zem_fuzz::ByteWriter stream;
         stream.blob(def.kpicfgs(k).SerializeAsString()).u32(5000000).raw(ops.str());
-        seed("kpi_fuzzer", names[k], stream.str());
+        seed("kpi_fuzzer", "kpi_cfg_" + std::to_string(k + 1), stream.str());
     }
 }
 
@@ -136,16 +146,19 @@ void cacheSeeds() {
         fprintf(stderr, "make_corpus: the collector wrote no cache file\n");
         exit(1);
     }
-    for (const char* target : {"dump_fuzzer", "json_fuzzer"}) seed(target, "cache_file", file);
-
-    // Gauge means that JSON cannot carry as numbers.
+    // Gauge means that JSON cannot carry as numbers, and a gauge without
+    // statistics.
     olvan::KPIData gauges;
     gauges.set_version(olvan::V1);
     for (float mean :
          {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(), 1.5f}) {
         gauges.add_gauges()->set_mean(mean);
     }
-    seed("json_fuzzer", "gauge_nan_and_infinite_means", gauges.SerializeAsString());
+    gauges.add_gauges();
+    for (const char* target : {"dump_fuzzer", "json_fuzzer"}) {
+        seed(target, "cache_file", file);
+        seed(target, "gauges", gauges.SerializeAsString());
+    }
 
     // Leftovers of an earlier run: the newest file, which is reopened and
     // grows past the threshold, an older one, a directory and a file of
@@ -180,16 +193,21 @@ void binderSeeds() {
     zem_fuzz::ByteWriter reg;
     reg.u8(0).u8(0).u8(3).u8(0).blob("camera.pipeline").u8(5).u8(2);
     binderSeed("manager_register", 0, 1, reg.str());
-    // onCampaignEvent(start, 5, a campaign, 0, the registered token)
-    zem_fuzz::ByteWriter start;
-    start.u8(0).u8(1).u8(1).u32(256).u8(2).put<uint64_t>(5);
-    start.u8(4).blob(everyKind());
-    start.u8(1).u32(0).u8(3).u8(1).blob("");
-    binderSeed("callback_campaign_start", 1, 1, start.str());
-    // registerZEMClient's reply: an ok status and a token.
+    // onCampaignEvent(start with a campaign or stop, 5, ..., 0, the registered
+    // token)
+    for (const bool start : {true, false}) {
+        zem_fuzz::ByteWriter event;
+        event.u8(0).u8(1).u8(1).u32(start ? 256 : 512).u8(2).put<uint64_t>(5);
+        event.u8(4).blob(start ? everyKind() : "").u8(1).u32(0).u8(3).u8(1).blob("");
+        binderSeed(start ? "callback_campaign_start" : "callback_campaign_stop", 1, 1, event.str());
+    }
+    // The replies of registerZEMClient and sendData: an ok status and the out
+    // value, a token or a bool.
     zem_fuzz::ByteWriter reply;
-    reply.u8(8).u32(0).u32(0).blob("").u8(3).u8(0).blob("tok-1");
-    binderSeed("reply_register_token", 2, 0, reply.str());
+    reply.u8(8).u32(0).u32(0).blob("");
+    binderSeed("reply_register_token", 2, 0,
+               zem_fuzz::ByteWriter(reply).u8(3).u8(0).blob("tok-1").str());
+    binderSeed("reply_send_data_true", 2, 3, reply.u8(6).u8(1).str());
 }
 
 }  // namespace
