@@ -7,9 +7,11 @@
 // protobuf messages with their lengths right (campaigns, commands, KPI
 // configurations), a cache file written by a real collector, and binder
 // transactions and replies in the shape the interfaces expect. Values,
-// codes, modes and the variants of each one are left to the fuzzer. Existing
-// seeds of the same name are overwritten; nothing else in CORPUS_DIR is
-// touched.
+// codes and modes are left to the fuzzer, except where a smoke run of a few
+// seconds does not find a branch from a neighbouring seed (a campaign stop
+// event, a second campaign start): such a branch keeps an input of its own.
+// Existing seeds of the same name are overwritten; nothing else in
+// CORPUS_DIR is touched.
 #include <google/protobuf/text_format.h>
 #include <sys/stat.h>
 
