@@ -1,6 +1,7 @@
-// Pieces shared by the binder fuzz targets and the seed generator: a daemon
-// stand-in serving IZEMManager, a parcel built from fuzz input, and a
-// process set up as a binder client registered with that stand-in.
+// The harness of the binder fuzz targets: a daemon stand-in serving
+// IZEMManager, a process set up as a binder client registered with that
+// stand-in, a parcel built from fuzz input, and the calls a proxy of the
+// manager makes.
 //
 // Parcel ops read by buildParcel, until the input ends (at most kMaxOps):
 //   0 interface token: u8 which (0 "IZEMManager", 1 "IZEMCallback", else a
@@ -10,7 +11,8 @@
 //     callback)              6 bool: u8          7 raw bytes: blob
 //   8 binder::Status: u32 exception code, u32 service-specific code, blob
 //     message
-// op % 9 picks the operation.
+// op % 9 picks the operation. fillParcel takes instead the rest of the input
+// as the parcel's raw bytes when asked to.
 #pragma once
 
 #include <binder/IServiceManager.h>
@@ -31,6 +33,8 @@
 
 namespace zem_fuzz {
 
+using android::binder::Status;
+
 constexpr const char* kServiceName = "vendor_zemsdkservice";
 constexpr const char* kToken = "fuzz-token";
 
@@ -39,26 +43,21 @@ constexpr const char* kToken = "fuzz-token";
 // status.
 class FakeManager : public BnZEMManager {
   public:
-    android::binder::Status registerZEMClient(const std::string& name,
-                                              const android::sp<IZEMCallback>&,
-                                              std::string* token) override {
+    Status registerZEMClient(const std::string& name, const android::sp<IZEMCallback>&,
+                             std::string* token) override {
         *token = name.empty() ? std::string() : kToken;
-        return android::binder::Status::ok();
+        return Status::ok();
     }
-    android::binder::Status checkForPendingCampaign(const std::string&) override {
-        return android::binder::Status::ok();
-    }
-    android::binder::Status deregisterZEMClient(const std::string& token) override {
+    Status checkForPendingCampaign(const std::string&) override { return Status::ok(); }
+    Status deregisterZEMClient(const std::string& token) override {
         if (token.empty()) {
-            return android::binder::Status::fromExceptionCode(
-                    android::binder::Status::EX_ILLEGAL_ARGUMENT, "empty token");
+            return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "empty token");
         }
-        return android::binder::Status::ok();
+        return Status::ok();
     }
-    android::binder::Status sendData(const std::vector<uint8_t>& data, const std::string&,
-                                     bool* result) override {
+    Status sendData(const std::vector<uint8_t>& data, const std::string&, bool* result) override {
         *result = !data.empty();
-        return android::binder::Status::ok();
+        return Status::ok();
     }
 };
 
@@ -66,15 +65,17 @@ class FakeManager : public BnZEMManager {
 struct BinderWorld {
     android::sp<FakeManager> manager;
     android::sp<IZEMCallback> callback;  // the client's callback object
-    zem_collector* collector = nullptr;  // registered under kToken
-    ScratchDir* cache = nullptr;
+    zem_collector* collector = nullptr;  // registered under kToken, caching in emptyScratch()
 };
 
 // Publishes the stand-in in a registry of this process's own (so parallel
 // runs never meet), starts the pool, and registers one collector through the
-// binder client. Call once, before any other binder use.
+// binder client. The first call comes before any other binder use.
 inline BinderWorld& binderWorld() {
     static BinderWorld* world = [] {
+        // The first call of emptyScratch() silences the log.
+        zem_cfg_s cfg = collectorCfg("fuzz.binder", emptyScratch());
+        cfg.transport = 1;
         auto* w = new BinderWorld();
         const std::string registry = "zem_fuzz_" + std::to_string(getpid());
         setenv("HOST_BINDER_REGISTRY", registry.c_str(), 1);
@@ -85,14 +86,8 @@ inline BinderWorld& binderWorld() {
         }
         android::ProcessState::self()->startThreadPool();
 
-        w->cache = new ScratchDir();
-        zem_cfg_s cfg{};
-        cfg.name = "fuzz.binder";
-        cfg.version = 0x0100;
-        cfg.cache_dir = w->cache->path().c_str();
-        cfg.transport = 1;
         w->collector = new zem_collector(cfg);
-        if (zemAIDLClient::getClientInstance()->registerClient("fuzz.binder", 0x0100,
+        if (zemAIDLClient::getClientInstance()->registerClient(cfg.name, cfg.version,
                                                                w->collector) != 0) {
             abort();
         }
@@ -105,29 +100,25 @@ inline BinderWorld& binderWorld() {
 
 constexpr int kMaxParcelOps = 64;
 
-inline void buildParcel(ByteReader& in, android::Parcel* p, int maxOps = kMaxParcelOps) {
+inline void buildParcel(ByteReader& in, android::Parcel* p) {
     BinderWorld& world = binderWorld();
-    for (int i = 0; i < maxOps && !in.empty(); ++i) {
+    for (int i = 0; i < kMaxParcelOps && !in.empty(); ++i) {
         switch (in.u8() % 9) {
             case 0: {
                 const uint8_t which = in.u8();
-                if (which == 0) {
-                    p->writeInterfaceToken(IZEMManager::descriptor);
-                } else if (which == 1) {
-                    p->writeInterfaceToken(IZEMCallback::descriptor);
-                } else {
-                    p->writeInterfaceToken(android::String16(in.blob().c_str()));
-                }
+                p->writeInterfaceToken(which == 0   ? IZEMManager::descriptor
+                                       : which == 1 ? IZEMCallback::descriptor
+                                                    : android::String16(in.blob().c_str()));
                 break;
             }
             case 1:
                 p->writeInt32(static_cast<int32_t>(in.u32()));
                 break;
             case 2:
-                p->writeInt64(static_cast<int64_t>(in.u64()));
+                p->writeInt64(static_cast<int64_t>(in.take<uint64_t>()));
                 break;
             case 3: {
-                const bool registered = (in.u8() & 1) != 0;
+                const bool registered = in.flag();
                 const std::string s = in.blob();
                 p->writeUtf8AsUtf16(registered ? std::string(kToken) : s);
                 break;
@@ -146,7 +137,7 @@ inline void buildParcel(ByteReader& in, android::Parcel* p, int maxOps = kMaxPar
                 break;
             }
             case 6:
-                p->writeBool((in.u8() & 1) != 0);
+                p->writeBool(in.flag());
                 break;
             case 7: {
                 const std::string s = in.blob();
@@ -157,17 +148,50 @@ inline void buildParcel(ByteReader& in, android::Parcel* p, int maxOps = kMaxPar
                 const int32_t exception = static_cast<int32_t>(in.u32());
                 const int32_t code = static_cast<int32_t>(in.u32());
                 const std::string message = in.blob();
-                android::binder::Status status =
-                        exception == android::binder::Status::EX_SERVICE_SPECIFIC
-                                ? android::binder::Status::fromServiceSpecificError(code,
-                                                                                    message.c_str())
-                                : android::binder::Status::fromExceptionCode(exception,
-                                                                             message.c_str());
+                Status status = exception == Status::EX_SERVICE_SPECIFIC
+                                        ? Status::fromServiceSpecificError(code, message.c_str())
+                                        : Status::fromExceptionCode(exception, message.c_str());
                 status.writeToParcel(p);
                 break;
             }
         }
     }
+}
+
+inline void fillParcel(ByteReader& in, bool raw, android::Parcel* p) {
+    if (raw) {
+        const std::string bytes = in.rest();
+        p->setData(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+    } else {
+        buildParcel(in, p);
+    }
+}
+
+// Calls the manager through `proxy`: slot % 4 picks registerZEMClient,
+// checkForPendingCampaign, deregisterZEMClient or sendData.
+inline void callManager(const android::sp<IZEMManager>& proxy, uint8_t slot) {
+    std::string token;
+    bool sent = false;
+    switch (slot % 4) {
+        case 0:
+            proxy->registerZEMClient("fuzz", binderWorld().callback, &token);
+            break;
+        case 1:
+            proxy->checkForPendingCampaign(kToken);
+            break;
+        case 2:
+            proxy->deregisterZEMClient(kToken);
+            break;
+        default:
+            proxy->sendData({1, 2, 3}, kToken, &sent);
+            break;
+    }
+}
+
+// Ends whatever campaign the input started and removes its cache files.
+inline void endInput() {
+    binderWorld().collector->StopCampaign();
+    emptyScratch();
 }
 
 }  // namespace zem_fuzz

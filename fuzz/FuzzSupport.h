@@ -1,6 +1,7 @@
 // Helpers shared by the fuzz targets and the seed-corpus generator: a
 // byte-stream reader and its matching writer (so seeds are written in the
-// very format the targets read), a silent log, and a scratch directory.
+// very format the targets read), a silent log, a scratch directory, and the
+// collector the campaign and command targets drive.
 //
 // Input format read by ByteReader: integers little-endian, taken from the
 // front; a "blob" is a 16-bit length followed by that many bytes. Reading
@@ -9,18 +10,16 @@
 #pragma once
 
 #include <android/log.h>
-#include <dirent.h>
 #include <google/protobuf/stubs/logging.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
+
+#include "collector/zem_collector.h"
 
 namespace zem_fuzz {
 
@@ -29,7 +28,6 @@ class ByteReader {
     ByteReader(const uint8_t* data, size_t size) : p(data), left(size) {}
 
     bool empty() const { return left == 0; }
-    size_t remaining() const { return left; }
 
     template <typename T>
     T take() {
@@ -42,7 +40,6 @@ class ByteReader {
     uint8_t u8() { return take<uint8_t>(); }
     uint16_t u16() { return take<uint16_t>(); }
     uint32_t u32() { return take<uint32_t>(); }
-    uint64_t u64() { return take<uint64_t>(); }
     bool flag() { return (u8() & 1) != 0; }
 
     std::string bytes(size_t n) {
@@ -72,7 +69,6 @@ class ByteWriter {
     ByteWriter& u8(uint8_t v) { return put(v); }
     ByteWriter& u16(uint16_t v) { return put(v); }
     ByteWriter& u32(uint32_t v) { return put(v); }
-    ByteWriter& u64(uint64_t v) { return put(v); }
     ByteWriter& raw(const std::string& s) {
         out += s;
         return *this;
@@ -96,8 +92,7 @@ inline void silenceLog() {
     google::protobuf::SetLogHandler(nullptr);
 }
 
-// A fresh directory under $TMPDIR for the life of the process. Targets call
-// clear() before each input so no input sees another's files.
+// A fresh directory under $TMPDIR for the life of the process.
 class ScratchDir {
   public:
     ScratchDir() {
@@ -107,44 +102,69 @@ class ScratchDir {
         dir = tmpl;
     }
     ~ScratchDir() {
-        clear();
-        rmdir(dir.c_str());
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
     }
     ScratchDir(const ScratchDir&) = delete;
     ScratchDir& operator=(const ScratchDir&) = delete;
 
     const std::string& path() const { return dir; }
 
-    // Bare names of the entries, sorted.
-    std::vector<std::string> list() const {
-        std::vector<std::string> names;
-        if (DIR* d = opendir(dir.c_str())) {
-            while (dirent* e = readdir(d)) {
-                if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) {
-                    names.push_back(e->d_name);
-                }
-            }
-            closedir(d);
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-    // Removes every entry (files and empty directories; the targets make
-    // nothing deeper).
+    // Removes every entry, so no input sees another's files.
     void clear() const {
-        DIR* d = opendir(dir.c_str());
-        if (d == nullptr) return;
-        while (dirent* e = readdir(d)) {
-            if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
-            const std::string child = dir + "/" + e->d_name;
-            if (unlink(child.c_str()) != 0) rmdir(child.c_str());
+        std::error_code ec;
+        for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+            std::filesystem::remove_all(entry.path(), ec);
         }
-        closedir(d);
     }
 
   private:
     std::string dir;
 };
+
+// The process's scratch directory, emptied for the input about to run. The
+// first call also silences the log.
+inline ScratchDir& emptyScratch() {
+    static ScratchDir* dir = [] {
+        silenceLog();
+        return new ScratchDir();
+    }();
+    dir->clear();
+    return *dir;
+}
+
+// The configuration of a fuzzed collector caching in `dir`, with campaign
+// callbacks, and no transport unless the caller sets one.
+inline zem_cfg_s collectorCfg(const char* name, const ScratchDir& dir) {
+    zem_cfg_s cfg{};
+    cfg.name = name;
+    cfg.version = 0x0102;
+    cfg.cache_dir = dir.path().c_str();
+    cfg.campaign_start_cb = [](const uint8_t* payload, uint64_t length) -> int32_t {
+        // Touch every payload byte so a bad pointer or length shows up here.
+        uint32_t sum = 0;
+        for (uint64_t i = 0; i < length; ++i) sum += payload[i];
+        return sum == 0xFFFFFFFFu ? 1 : 0;
+    };
+    cfg.campaign_stop_cb = []() -> int32_t { return 0; };
+    cfg.transport = 2;
+    return cfg;
+}
+
+// A few samples of every kind into every KPI the running campaign made, so
+// windows close and records reach the serializer before the campaign stops.
+inline void logIntoEveryKpi(zem_collector& collector) {
+    std::vector<uint32_t> ids;
+    collector.kpiTable().forEach([&ids](uint32_t id, const KPI&) { ids.push_back(id); });
+    const unsigned char buf[4] = {1, 2, 3, 4};
+    for (uint32_t id : ids) {
+        for (uint32_t v = 0; v < 3; ++v) {
+            collector.Log(id, v * 1000u);
+            collector.LogEvent(id, v);
+            collector.LogState(id, v, v + 1);
+            collector.Log(id, buf, sizeof(buf));
+        }
+    }
+}
 
 }  // namespace zem_fuzz

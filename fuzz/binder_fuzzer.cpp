@@ -27,15 +27,6 @@
 
 namespace {
 
-void fillParcel(zem_fuzz::ByteReader& in, bool raw, android::Parcel* p) {
-    if (raw) {
-        const std::string bytes = in.rest();
-        p->setData(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-    } else {
-        zem_fuzz::buildParcel(in, p);
-    }
-}
-
 // Answers every transaction with the reply and result it was given.
 class ReplyBinder : public android::BBinder {
   public:
@@ -46,7 +37,7 @@ class ReplyBinder : public android::BBinder {
                                  uint32_t flags) override {
         if (reply != nullptr && (flags & android::IBinder::FLAG_ONEWAY) == 0) {
             zem_fuzz::ByteReader in(reinterpret_cast<const uint8_t*>(input.data()), input.size());
-            fillParcel(in, raw, reply);
+            zem_fuzz::fillParcel(in, raw, reply);
         }
         return result;
     }
@@ -59,10 +50,9 @@ class ReplyBinder : public android::BBinder {
 
 void fuzzStub(zem_fuzz::ByteReader& in, const android::sp<android::IBinder>& stub) {
     const uint32_t code = in.u8() % 8;
-    const uint32_t flags = (in.u8() & 1) != 0 ? android::IBinder::FLAG_ONEWAY : 0;
-    const bool raw = (in.u8() & 1) != 0;
+    const uint32_t flags = in.flag() ? android::IBinder::FLAG_ONEWAY : 0;
     android::Parcel data;
-    fillParcel(in, raw, &data);
+    zem_fuzz::fillParcel(in, in.flag(), &data);
     android::Parcel reply;
     const android::status_t err = stub->transact(code, data, &reply, flags);
     // A two-way call of the interface that succeeded always answers with a
@@ -78,46 +68,19 @@ void fuzzStub(zem_fuzz::ByteReader& in, const android::sp<android::IBinder>& stu
 }
 
 void fuzzProxy(zem_fuzz::ByteReader& in, bool manager) {
-    const uint8_t call = in.u8() % 4;
-    android::status_t result;
-    switch (in.u8() % 4) {
-        case 0:
-            result = android::OK;
-            break;
-        case 1:
-            result = android::UNKNOWN_TRANSACTION;
-            break;
-        case 2:
-            result = android::DEAD_OBJECT;
-            break;
-        default:
-            result = static_cast<android::status_t>(in.u32());
-            break;
-    }
-    const bool raw = (in.u8() & 1) != 0;
+    const uint8_t call = in.u8();
+    constexpr android::status_t kResults[] = {android::OK, android::UNKNOWN_TRANSACTION,
+                                              android::DEAD_OBJECT};
+    const uint8_t pick = in.u8() % 4;
+    const android::status_t result =
+            pick < 3 ? kResults[pick] : static_cast<android::status_t>(in.u32());
+    const bool raw = in.flag();
     android::sp<ReplyBinder> remote = new ReplyBinder(in.rest(), raw, result);
-    zem_fuzz::BinderWorld& world = zem_fuzz::binderWorld();
     if (manager) {
-        android::sp<IZEMManager> proxy = new BpZEMManager(remote);
-        std::string token;
-        bool sent = false;
-        switch (call) {
-            case 0:
-                proxy->registerZEMClient("fuzz", world.callback, &token);
-                break;
-            case 1:
-                proxy->checkForPendingCampaign(zem_fuzz::kToken);
-                break;
-            case 2:
-                proxy->deregisterZEMClient(zem_fuzz::kToken);
-                break;
-            default:
-                proxy->sendData({1, 2, 3}, zem_fuzz::kToken, &sent);
-                break;
-        }
+        zem_fuzz::callManager(new BpZEMManager(remote), call);
     } else {
-        android::sp<IZEMCallback> proxy = new BpZEMCallback(remote);
         int32_t answer = 0;
+        android::sp<IZEMCallback> proxy = new BpZEMCallback(remote);
         proxy->onCampaignEvent(IZEMCallback::kCampaignStart, 1, {0x10, 0x64}, 0, zem_fuzz::kToken,
                                &answer);
     }
@@ -126,7 +89,6 @@ void fuzzProxy(zem_fuzz::ByteReader& in, bool manager) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    zem_fuzz::silenceLog();
     zem_fuzz::binderWorld();
     return 0;
 }
@@ -134,22 +96,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     zem_fuzz::BinderWorld& world = zem_fuzz::binderWorld();
     zem_fuzz::ByteReader in(data, size);
-    switch (in.u8() % 4) {
-        case 0:
-            fuzzStub(in, world.manager);
-            break;
-        case 1:
-            fuzzStub(in, IZEMCallback::asBinder(world.callback));
-            break;
-        case 2:
-            fuzzProxy(in, true);
-            break;
-        default:
-            fuzzProxy(in, false);
-            break;
+    const uint8_t mode = in.u8() % 4;
+    if (mode < 2) {
+        fuzzStub(in, mode == 0 ? android::sp<android::IBinder>(world.manager)
+                               : IZEMCallback::asBinder(world.callback));
+    } else {
+        fuzzProxy(in, mode == 2);
     }
-    // Whatever campaign a parcel started ends with the input.
-    world.collector->StopCampaign();
-    world.cache->clear();
+    zem_fuzz::endInput();
     return 0;
 }

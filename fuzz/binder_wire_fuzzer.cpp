@@ -19,10 +19,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <condition_variable>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -43,13 +42,13 @@ std::string registryPrefix() {
 }
 
 std::string buildFrame(zem_fuzz::ByteReader& in, uint32_t defaultKind) {
-    if ((in.u8() & 1) != 0) return in.rest();
+    if (in.flag()) return in.rest();
     FrameHeader header;
     const uint32_t kind = in.u8() % 5;
     header.kind = kind == 0 ? defaultKind : kind;
     header.object = in.u8() % 4;
     header.code = in.u8() % 8;
-    header.flags = (in.u8() & 1) != 0 ? android::IBinder::FLAG_ONEWAY : 0;
+    header.flags = in.flag() ? android::IBinder::FLAG_ONEWAY : 0;
     header.status = static_cast<int32_t>(in.u32());
     std::vector<uint64_t> offsets(in.u8() % 3);
     for (uint64_t& off : offsets) off = in.u16();
@@ -65,25 +64,28 @@ std::string buildFrame(zem_fuzz::ByteReader& in, uint32_t defaultKind) {
     return frame;
 }
 
-// Sends `frame` to the socket `name`, closes the sending side, and reads
-// whatever comes back until the runtime closes the connection.
-void exchange(const std::string& name, const std::string& frame) {
-    const int fd = android::hostbinder::connectAbstract(name);
-    if (fd < 0) abort();
+// Sends `frame` on the connection `fd`, closes the sending side, reads
+// whatever comes back until the other side closes, and closes `fd`. False
+// when the other side neither closed nor answered in time.
+bool sendAndDrain(int fd, const std::string& frame) {
     android::hostbinder::setReceiveTimeout(fd, kExchangeTimeoutMs);
-    // The runtime may close early (a bad header); the rest is then refused.
+    // The other side may close early (a bad header); the rest is then refused.
     if (!frame.empty()) send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
     shutdown(fd, SHUT_WR);
     char buf[4096];
-    for (;;) {
-        const ssize_t n = recv(fd, buf, sizeof(buf), 0);
-        if (n > 0) continue;
-        if (n == 0 || errno == ECONNRESET) break;
-        if (errno == EINTR) continue;
-        // The runtime neither answered nor closed in time.
-        __builtin_trap();
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof(buf), 0)) > 0 || (n < 0 && errno == EINTR)) {
     }
     close(fd);
+    return n == 0 || errno == ECONNRESET;
+}
+
+// Sends `frame` to the runtime's socket `name`; the runtime must close the
+// connection once it has answered or refused it.
+void exchange(const std::string& name, const std::string& frame) {
+    const int fd = android::hostbinder::connectAbstract(name);
+    if (fd < 0) abort();
+    if (!sendAndDrain(fd, frame)) __builtin_trap();
 }
 
 // A peer endpoint that answers every connection with the frame it holds,
@@ -112,13 +114,7 @@ class Peer {
                 std::lock_guard<std::mutex> lock(mutex);
                 frame = answer;
             }
-            if (!frame.empty()) send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
-            shutdown(fd, SHUT_WR);
-            android::hostbinder::setReceiveTimeout(fd, kExchangeTimeoutMs);
-            char buf[4096];
-            while (recv(fd, buf, sizeof(buf), 0) > 0) {
-            }
-            close(fd);
+            sendAndDrain(fd, frame);
         }
     }
 
@@ -127,39 +123,15 @@ class Peer {
     std::string answer;
 };
 
-void callPeer(Peer& peer, uint8_t call, const std::string& frame) {
-    peer.setAnswer(frame);
-    android::sp<IZEMManager> proxy = new BpZEMManager(android::BpBinder::create(peer.name, 1));
-    zem_fuzz::BinderWorld& world = zem_fuzz::binderWorld();
-    std::string token;
-    bool sent = false;
-    switch (call % 4) {
-        case 0:
-            proxy->registerZEMClient("fuzz", world.callback, &token);
-            break;
-        case 1:
-            proxy->checkForPendingCampaign(zem_fuzz::kToken);
-            break;
-        case 2:
-            proxy->deregisterZEMClient(zem_fuzz::kToken);
-            break;
-        default:
-            proxy->sendData({1, 2, 3}, zem_fuzz::kToken, &sent);
-            break;
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    zem_fuzz::silenceLog();
     zem_fuzz::binderWorld();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Peer* peer = new Peer();
-    zem_fuzz::BinderWorld& world = zem_fuzz::binderWorld();
     zem_fuzz::ByteReader in(data, size);
     switch (in.u8() % 3) {
         case 0:
@@ -172,12 +144,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             break;
         default: {
             const uint8_t call = in.u8();
-            callPeer(*peer, call, buildFrame(in, android::hostbinder::kReply));
+            peer->setAnswer(buildFrame(in, android::hostbinder::kReply));
+            zem_fuzz::callManager(new BpZEMManager(android::BpBinder::create(peer->name, 1)), call);
             break;
         }
     }
-    // Whatever campaign a transaction started ends with the input.
-    world.collector->StopCampaign();
-    world.cache->clear();
+    zem_fuzz::endInput();
     return 0;
 }

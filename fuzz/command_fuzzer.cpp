@@ -1,14 +1,14 @@
 // Sequences of CommandRequests into the gRPC command stream's dispatch,
 // against a collector without a transport, as if read from the daemon's
-// stream one after another. The last command is followed by a campaign stop,
-// as the collector's lost connection would do.
+// stream one after another. Every KPI a started campaign made gets samples of
+// every kind before the next command, and the last command is followed by a
+// campaign stop, as the collector's lost connection would do.
 //
 // Input: requests until the input ends, each blob(CommandRequest bytes).
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <cstdio>
 
-#include "collector/zem_collector.h"
 #include "fuzz/FuzzSupport.h"
 #include "spc.pb.h"
 #include "transport/zemGRPCClient.h"
@@ -20,23 +20,13 @@ constexpr int kMaxCommands = 32;
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    zem_fuzz::silenceLog();
     // The dispatch prints its progress lines to standard output.
     if (freopen("/dev/null", "w", stdout) == nullptr) return 0;
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static zem_fuzz::ScratchDir* cache = new zem_fuzz::ScratchDir();
-    cache->clear();
-
-    zem_cfg_s cfg{};
-    cfg.name = "fuzz.command";
-    cfg.version = 0x0100;
-    cfg.cache_dir = cache->path().c_str();
-    cfg.transport = 2;
-    zem_collector collector(cfg);
-
+    zem_collector collector(zem_fuzz::collectorCfg("fuzz.command", zem_fuzz::emptyScratch()));
     zem_fuzz::ByteReader in(data, size);
     for (int i = 0; i < kMaxCommands && !in.empty(); ++i) {
         olvan::CommandRequest request;
@@ -49,6 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             response.seq_no() != 0) {
             __builtin_trap();
         }
+        zem_fuzz::logIntoEveryKpi(collector);
     }
     collector.StopCampaign();
     return 0;

@@ -32,18 +32,14 @@ constexpr int64_t kUnitNs[4] = {1, 1000, 1000000, 1000000000};
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static zem_fuzz::ScratchDir* cache = [] {
-        zem_fuzz::silenceLog();
-        return new zem_fuzz::ScratchDir();
-    }();
-
+    const std::string& cache = zem_fuzz::emptyScratch().path();
     zem_fuzz::ByteReader in(data, size);
     KPICfg cfg;
     if (!cfg.ParseFromString(in.blob())) return 0;
 
     // No writer thread: closed windows queue in memory and are dropped with
     // the serializer.
-    KPISerializer serializer(cache->path(), nullptr);
+    KPISerializer serializer(cache, nullptr);
     std::unique_ptr<KPI> kpi = KPI::Create(cfg, serializer);
     if (kpi == nullptr) return 0;
 
