@@ -3,7 +3,6 @@
 // a collector that takes the serializer's finished files.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -11,6 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -54,34 +54,23 @@ class TempDir {
     // Bare names of the directory's entries, sorted.
     std::vector<std::string> list() const {
         std::vector<std::string> names;
-        if (DIR* d = opendir(path_.c_str())) {
-            while (dirent* e = readdir(d)) {
-                std::string n = e->d_name;
-                if (n != "." && n != "..") names.push_back(n);
-            }
-            closedir(d);
-        }
+        std::error_code ec;
+        for (const auto& e : std::filesystem::directory_iterator(path_, ec))
+            names.push_back(e.path().filename().string());
         std::sort(names.begin(), names.end());
         return names;
     }
 
+    // Removes `path` with everything under it, read-only folders included.
     static void removeTree(const std::string& path) {
-        if (DIR* d = opendir(path.c_str())) {
-            while (dirent* e = readdir(d)) {
-                std::string n = e->d_name;
-                if (n == "." || n == "..") continue;
-                std::string child = path + "/" + n;
-                struct stat st;
-                if (lstat(child.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-                    chmod(child.c_str(), 0700);
-                    removeTree(child);
-                } else {
-                    unlink(child.c_str());
-                }
-            }
-            closedir(d);
+        namespace fs = std::filesystem;
+        std::error_code ec;
+        for (fs::recursive_directory_iterator it(path, ec), end; !ec && it != end;
+             it.increment(ec)) {
+            if (it->is_directory(ec) && !it->is_symlink(ec))
+                fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
         }
-        rmdir(path.c_str());
+        fs::remove_all(path, ec);
     }
 
   private:
