@@ -3,6 +3,7 @@
 // a collector that takes the serializer's finished files.
 #pragma once
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
