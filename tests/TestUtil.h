@@ -1,5 +1,6 @@
-// Helpers shared by the test binaries: scratch directories, file access, and
-// reading the library's log lines from the real liblog output on stderr.
+// Helpers shared by the test binaries: scratch directories, file access,
+// reading the library's log lines from the real liblog output on stderr, and
+// a collector that takes the serializer's finished files.
 #pragma once
 
 #include <dirent.h>
@@ -10,14 +11,18 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "collector/zem_collector.h"
 #include "metric.pb.h"
+#include "serializer/CacheFile.h"
 #include "zem_sdk.h"
 
 namespace zem_test {
@@ -50,34 +55,23 @@ class TempDir {
     // Bare names of the directory's entries, sorted.
     std::vector<std::string> list() const {
         std::vector<std::string> names;
-        if (DIR* d = opendir(path_.c_str())) {
-            while (dirent* e = readdir(d)) {
-                std::string n = e->d_name;
-                if (n != "." && n != "..") names.push_back(n);
-            }
-            closedir(d);
-        }
+        std::error_code ec;
+        for (const auto& e : std::filesystem::directory_iterator(path_, ec))
+            names.push_back(e.path().filename().string());
         std::sort(names.begin(), names.end());
         return names;
     }
 
+    // Removes `path` with everything under it, read-only folders included.
     static void removeTree(const std::string& path) {
-        if (DIR* d = opendir(path.c_str())) {
-            while (dirent* e = readdir(d)) {
-                std::string n = e->d_name;
-                if (n == "." || n == "..") continue;
-                std::string child = path + "/" + n;
-                struct stat st;
-                if (lstat(child.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-                    chmod(child.c_str(), 0700);
-                    removeTree(child);
-                } else {
-                    unlink(child.c_str());
-                }
-            }
-            closedir(d);
+        namespace fs = std::filesystem;
+        std::error_code ec;
+        for (fs::recursive_directory_iterator it(path, ec), end; !ec && it != end;
+             it.increment(ec)) {
+            if (it->is_directory(ec) && !it->is_symlink(ec))
+                fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
         }
-        rmdir(path.c_str());
+        fs::remove_all(path, ec);
     }
 
   private:
@@ -102,6 +96,57 @@ inline olvan::KPIData parseCacheFile(const std::string& path) {
     EXPECT_TRUE(data.ParseFromString(readFile(path))) << path;
     return data;
 }
+
+// The record every cache file starts with.
+inline const std::string kVersionRecord("\x08\x01", 2);
+
+inline olvan::KPIData counterRecord(uint32_t id, uint64_t value) {
+    olvan::KPIData data;
+    olvan::Counter* c = data.add_counters();
+    c->mutable_meta()->set_id(id);
+    c->set_value(value);
+    return data;
+}
+
+// Stands in for the collector behind a serializer: takes every finished file
+// the way the transports do (read whole as a cache file, then removed) and
+// notes its name, bytes and mode. `onDelivery` runs after each file was taken,
+// on the thread that delivers.
+class RecordingCollector : public zem_collector {
+  public:
+    struct Delivered {
+        std::string name;
+        std::string bytes;
+        unsigned int mode;
+    };
+
+    explicit RecordingCollector(const std::string& dir) : zem_collector(cacheDirCfg(dir)) {}
+
+    int SendData(const std::string& filename) override {
+        struct stat st {};
+        lstat(filename.c_str(), &st);
+        std::string bytes;
+        if (!zem::readForDelivery(filename, &bytes)) return -1;
+        remove(filename.c_str());
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            files.push_back({filename, std::move(bytes), st.st_mode & 07777u});
+        }
+        if (onDelivery) onDelivery();
+        return 0;
+    }
+
+    std::vector<Delivered> delivered() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return files;
+    }
+
+    std::function<void()> onDelivery;
+
+  private:
+    std::mutex mutex;
+    std::vector<Delivered> files;
+};
 
 // Captures everything written to stderr (where the host liblog prints) while
 // alive. Not nestable.

@@ -43,7 +43,7 @@ std::vector<std::string> cut(const std::string& image, size_t maxPart) {
 
 }  // namespace
 
-TEST(CacheFileParts, PartsAreWholeImagesThatMergeIntoTheFile) {
+TEST(CacheFilePartsTest, PartsAreWholeImagesThatMergeIntoTheFile) {
     // The version record first, as the serializer writes it, then windows of
     // several sizes, a version record in the middle (a file reopened after a
     // rollover), and one window larger than any part.
@@ -90,7 +90,7 @@ TEST(CacheFileParts, PartsAreWholeImagesThatMergeIntoTheFile) {
     }
 }
 
-TEST(CacheFileParts, SmallEmptyAndDamagedFiles) {
+TEST(CacheFilePartsTest, SmallEmptyAndDamagedFiles) {
     // A file that fits is one part, unchanged, even when it does not parse.
     const std::string small = kVersionRecord + counter(1, 1) + "\xff";
     EXPECT_EQ(std::vector<std::string>{small}, cut(small, small.size()));

@@ -4,6 +4,7 @@
 // be opened or written; and the record queue's bound when the writer cannot
 // keep up. Nothing outside the folder may change or be delivered, no start may
 // block, and the campaign goes on.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -13,20 +14,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <condition_variable>
+#include <atomic>
+#include <cerrno>
 #include <functional>
-#include <mutex>
+#include <future>
 #include <string>
 #include <vector>
 
 #include "TestUtil.h"
-#include "collector/zem_collector.h"
-#include "serializer/CacheFile.h"
 #include "serializer/KPISerializer.h"
 
+using zem_test::counterRecord;
 using zem_test::countLogLines;
+using zem_test::kVersionRecord;
 using zem_test::LogCapture;
 using zem_test::readFile;
+using zem_test::RecordingCollector;
 using zem_test::TempDir;
 using zem_test::writeFile;
 
@@ -34,99 +37,100 @@ namespace {
 
 const std::string kSecret = "secret text outside the cache folder\n";
 
-// Takes finished files the way the transports do: through readCacheFile,
-// removing a file only once it was read. `onDelivery` runs after each file
-// was taken, on the thread that delivers.
-class Daemon : public zem_collector {
-  public:
-    explicit Daemon(const std::string& dir) : zem_collector(zem_test::cacheDirCfg(dir)) {}
-
-    int SendData(const std::string& filename) override {
-        std::string bytes;
-        const zem::CacheOpen r = zem::readCacheFile(filename, &bytes);
-        if (r != zem::CacheOpen::kOk && r != zem::CacheOpen::kMissing) return -1;
-        remove(filename.c_str());
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            received.push_back(bytes);
-        }
-        if (onDelivery) onDelivery();
-        return 0;
+// How many counter windows the delivered files hold; each must parse.
+int countersIn(const std::vector<RecordingCollector::Delivered>& files) {
+    int n = 0;
+    for (const auto& f : files) {
+        olvan::KPIData d;
+        EXPECT_TRUE(d.ParseFromString(f.bytes));
+        EXPECT_EQ(std::string::npos, f.bytes.find("secret"));
+        n += d.counters_size();
     }
-
-    std::vector<std::string> files() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return received;
-    }
-    // Every window received, merged.
-    olvan::KPIData windows() {
-        olvan::KPIData all;
-        for (const std::string& f : files()) {
-            olvan::KPIData one;
-            EXPECT_TRUE(one.ParseFromString(f));
-            all.MergeFrom(one);
-        }
-        return all;
-    }
-
-    std::function<void()> onDelivery;
-
-  private:
-    std::mutex mutex;
-    std::vector<std::string> received;
-};
-
-olvan::KPIData counterRecord(uint32_t id, uint64_t value) {
-    olvan::KPIData data;
-    olvan::Counter* c = data.add_counters();
-    c->mutable_meta()->set_id(id);
-    c->set_value(value);
-    return data;
-}
-
-struct stat lstatOf(const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
-    return st;
+    return n;
 }
 
 std::string notCacheFileLine(const std::string& path, const char* what) {
     return "Not a cache file, left alone: " + path + " (" + what + ")";
 }
 
-TEST(CacheFolder, EntriesThatAreNotCacheFilesAreLeftAloneAndTheCampaignRuns) {
+mode_t typeOf(const std::string& path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
+}
+
+// The folder as a campaign finds it: what sits under the name of the newest
+// cache file, the umask, and what the campaign makes of it. Nothing outside
+// the folder may change or be delivered, and no start may block.
+TEST(CacheFolderTest, HostileOrOddFolderStatesEndAsExpected) {
+    using Make = std::function<pid_t(const std::string& entry, const std::string& outside)>;
     struct Case {
         const char* what;
-        // Makes the entry at `entry`; `outside` is a file outside the folder.
-        std::function<void(const std::string& entry, const std::string& outside)> make;
+        Make make;                     // returns a process to end after the campaign, or 0
+        const char* logged = nullptr;  // the one error line, after the entry's name
+        int started = 0;               // what Initialize returns
+        bool reopened = false;         // the entry is the file delivered
+        mode_t mask = 022;
+    };
+    const Make nothing = [](const std::string&, const std::string&) { return 0; };
+    const auto leftover = [](mode_t mode) {
+        return [mode](const std::string& e, const std::string&) {
+            writeFile(e, kVersionRecord);
+            EXPECT_EQ(0, chmod(e.c_str(), mode));
+            return 0;
+        };
     };
     const Case cases[] = {
-            {"a symbolic link",
-             [](const std::string& e, const std::string& o) {
-                 ASSERT_EQ(0, symlink(o.c_str(), e.c_str()));
-             }},
+            {"a symbolic link", [](const std::string& e,
+                                   const std::string& o) { return symlink(o.c_str(), e.c_str()); }},
             {"a symbolic link",  // dangling: must not create its target
              [](const std::string& e, const std::string& o) {
-                 ASSERT_EQ(0, symlink((o + ".new").c_str(), e.c_str()));
+                 return symlink((o + ".new").c_str(), e.c_str());
              }},
-            {"a named pipe", [](const std::string& e,
-                                const std::string&) { ASSERT_EQ(0, mkfifo(e.c_str(), 0600)); }},
-            {"a directory", [](const std::string& e,
-                               const std::string&) { ASSERT_EQ(0, mkdir(e.c_str(), 0700)); }},
+            {"a named pipe",
+             [](const std::string& e, const std::string&) { return mkfifo(e.c_str(), 0600); }},
+            {"a directory",
+             [](const std::string& e, const std::string&) { return mkdir(e.c_str(), 0700); }},
             {"a socket",
              [](const std::string& e, const std::string&) {
                  const int s = socket(AF_UNIX, SOCK_STREAM, 0);
                  sockaddr_un addr{};
                  addr.sun_family = AF_UNIX;
-                 ASSERT_LT(e.size(), sizeof addr.sun_path);
+                 if (e.size() >= sizeof addr.sun_path) return -1;
                  e.copy(addr.sun_path, e.size());
-                 ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+                 const int rc = bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
                  close(s);
+                 return rc;
              }},
             {"a regular file with 2 links",
-             [](const std::string& e, const std::string& o) {
-                 ASSERT_EQ(0, link(o.c_str(), e.c_str()));
-             }},
+             [](const std::string& e, const std::string& o) { return link(o.c_str(), e.c_str()); }},
+            // A running program's file cannot be opened for writing: the start
+            // fails as it always did.
+            {"busy",
+             [](const std::string& e, const std::string&) {
+                 writeFile(e, readFile("/bin/sleep"));
+                 chmod(e.c_str(), 0700);
+                 const pid_t child = fork();
+                 if (child == 0) {
+                     execl(e.c_str(), "sleep", "30", static_cast<char*>(nullptr));
+                     _exit(127);
+                 }
+                 // Busy only once the child runs it: wait for exactly that.
+                 EXPECT_TRUE(zem_test::waitFor([&] {
+                     const int fd = open(e.c_str(), O_WRONLY | O_CLOEXEC);
+                     if (fd >= 0) close(fd);
+                     return fd < 0 && errno == ETXTBSY;
+                 }));
+                 return child;
+             },
+             "Failed to open file: ", -1},
+            // Leftovers are grown and delivered whole, owner-only whatever
+            // their mode (write-only could not be read back for delivery).
+            {"world-writable leftover", leftover(0666), nullptr, 0, true},
+            {"write-only leftover", leftover(0200), nullptr, 0, true},
+            // New files are owner-only whatever the umask.
+            {"umask 0000", nothing, nullptr, 0, false, 0000},
+            {"umask 0077", nothing, nullptr, 0, false, 0077},
+            {"umask 0277", nothing, nullptr, 0, false, 0277},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -138,33 +142,52 @@ TEST(CacheFolder, EntriesThatAreNotCacheFilesAreLeftAloneAndTheCampaignRuns) {
         // Newer than any file the serializer creates, so it is the first
         // candidate for reopening.
         const std::string entry = cache + "/kpidata.99999999999";
-        c.make(entry, outside);
-        const mode_t type = lstatOf(entry).st_mode & S_IFMT;
+        const pid_t child = c.make(entry, outside);
+        ASSERT_GE(child, 0);
+        const mode_t type = typeOf(entry);
 
-        Daemon daemon(cache);
+        RecordingCollector daemon(cache);
         KPISerializer ser(cache, &daemon);
         LogCapture cap;
-        ASSERT_EQ(0, ser.Initialize(4096, 1));
-        for (uint32_t i = 0; i < 3; ++i) {
+        const mode_t old = umask(c.mask);
+        EXPECT_EQ(c.started, ser.Initialize(4096, 1));
+        umask(old);
+        EXPECT_EQ(c.started == 0, ser.writerRunning());
+        std::string written = kVersionRecord;
+        for (uint32_t i = 0; c.started == 0 && i < 3; ++i) {
             auto rec = counterRecord(i, i);
             ser.Write(rec);
+            written += rec.SerializeAsString();
         }
-        ser.Finalize();
+        if (c.started == 0) ser.Finalize();
         const std::string log = cap.text();
+        if (child > 0) {
+            kill(child, SIGKILL);
+            waitpid(child, nullptr, 0);
+        }
 
-        EXPECT_EQ(1, countLogLines(log, 'E', notCacheFileLine(entry, c.what))) << log;
+        if (c.reopened || type == 0) {
+            EXPECT_EQ(std::string::npos, log.find("zem_sdk E ")) << log;
+        } else {
+            const std::string line = c.logged ? c.logged + entry : notCacheFileLine(entry, c.what);
+            EXPECT_EQ(1, countLogLines(log, 'E', line)) << log;
+        }
         EXPECT_EQ(kSecret, readFile(outside));
         EXPECT_NE(0, access((outside + ".new").c_str(), F_OK));
-        EXPECT_EQ(type, lstatOf(entry).st_mode & S_IFMT);
-        // The daemon got one new file holding the campaign's windows only.
-        const auto files = daemon.files();
-        ASSERT_EQ(1u, files.size());
-        EXPECT_EQ(std::string::npos, files[0].find("secret"));
-        EXPECT_EQ(3, daemon.windows().counters_size());
+        const auto files = daemon.delivered();
+        ASSERT_EQ(c.started == 0 ? 1u : 0u, files.size());
+        if (!files.empty()) {
+            EXPECT_EQ(written, files[0].bytes);
+            EXPECT_EQ(0600u, files[0].mode);
+            EXPECT_EQ(c.reopened, files[0].name == entry);
+        }
+        if (!c.reopened) {
+            EXPECT_EQ(type, typeOf(entry));
+        }
     }
 }
 
-TEST(CacheFolder, LinksPlantedUnderTheNextNamesDuringACampaignAreSkipped) {
+TEST(CacheFolderTest, LinksPlantedUnderTheNextNamesDuringACampaignAreSkipped) {
     TempDir root;
     const std::string cache = root.file("cache");
     ASSERT_EQ(0, mkdir(cache.c_str(), 0700));
@@ -172,7 +195,7 @@ TEST(CacheFolder, LinksPlantedUnderTheNextNamesDuringACampaignAreSkipped) {
     writeFile(outside, kSecret);
     ASSERT_EQ(0, chmod(outside.c_str(), 0444));
 
-    Daemon daemon(cache);
+    RecordingCollector daemon(cache);
     // At the first delivery, links take the names of the next seconds.
     std::vector<std::string> planted;
     daemon.onDelivery = [&] {
@@ -201,131 +224,52 @@ TEST(CacheFolder, LinksPlantedUnderTheNextNamesDuringACampaignAreSkipped) {
         const int n = countLogLines(log, 'E', notCacheFileLine(p, "a symbolic link"));
         EXPECT_LE(n, 1) << p;
         skipped += n;
+        EXPECT_EQ(S_IFLNK, typeOf(p)) << p;
     }
     EXPECT_GE(skipped, 1) << log;
     EXPECT_EQ(kSecret, readFile(outside));
-    for (const std::string& f : daemon.files()) EXPECT_EQ(std::string::npos, f.find("secret"));
-    EXPECT_EQ(kRecords, daemon.windows().counters_size());
-    for (const std::string& p : planted) EXPECT_TRUE(S_ISLNK(lstatOf(p).st_mode)) << p;
+    EXPECT_EQ(kRecords, countersIn(daemon.delivered()));
 }
 
-TEST(CacheFolder, CacheFilesAreOwnerOnlyWhateverTheUmaskOrTheLeftoversMode) {
-    for (const mode_t mask : {0000, 0022, 0077, 0277}) {
-        SCOPED_TRACE(mask);
-        TempDir dir;
-        const mode_t old = umask(mask);
-        KPISerializer ser(dir.path(), nullptr);
-        ASSERT_EQ(0, ser.Initialize(4096, 1));
-        ser.Finalize();
-        umask(old);
-        const std::string name = ser.GetCurrFileName();
-        EXPECT_EQ(0600u, lstatOf(name).st_mode & 07777);
-        EXPECT_EQ(std::string("\x08\x01", 2), readFile(name));
-    }
-    // Leftovers: world-writable, and write-only (which a delivery could not
-    // read back), are reopened as owner-only and delivered whole.
-    for (const mode_t mode : {0666, 0200}) {
-        SCOPED_TRACE(mode);
-        TempDir dir;
-        const std::string leftover = dir.file("kpidata.5");
-        writeFile(leftover, std::string("\x08\x01", 2));
-        ASSERT_EQ(0, chmod(leftover.c_str(), mode));
-        Daemon daemon(dir.path());
-        KPISerializer ser(dir.path(), &daemon);
-        ASSERT_EQ(0, ser.Initialize(4096, 1));
-        EXPECT_EQ(0600u, lstatOf(leftover).st_mode & 07777);
-        auto rec = counterRecord(2, 2);
-        ser.Write(rec);
-        ser.Finalize();
-        ASSERT_EQ(1u, daemon.files().size());
-        EXPECT_EQ(std::string("\x08\x01", 2) + rec.SerializeAsString(), daemon.files()[0]);
-    }
-}
-
-TEST(CacheFolder, FailuresOnRegularFilesAreLoggedOnce) {
-    {
-        // The newest leftover is a regular file that cannot be opened for
-        // writing (a running program's file): the start fails as it always
-        // did, and an older leftover is not touched.
-        TempDir dir;
-        writeFile(dir.file("kpidata.1"), "old");
-        const std::string busy = dir.file("kpidata.2");
-        writeFile(busy, readFile("/bin/sleep"));
-        ASSERT_EQ(0, chmod(busy.c_str(), 0700));
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            execl(busy.c_str(), "sleep", "30", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        // The file is busy once the child runs it; until then it opens fine,
-        // so wait for that exact state.
-        ASSERT_TRUE(zem_test::waitFor([&] {
-            return readFile("/proc/" + std::to_string(child) + "/comm") == "kpidata.2\n";
-        }));
-        KPISerializer ser(dir.path(), nullptr);
-        LogCapture cap;
-        EXPECT_EQ(-1, ser.Initialize(4096, 1));
-        const std::string log = cap.text();
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        EXPECT_EQ(1, countLogLines(log, 'E', "Failed to open file: " + busy)) << log;
-        EXPECT_FALSE(ser.writerRunning());
-        EXPECT_EQ("old", readFile(dir.file("kpidata.1")));
-    }
-    {
-        // Writes that fail (here the file size limit) are logged once per
-        // file, with the reason.
-        TempDir dir;
-        struct rlimit old;
-        ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &old));
-        signal(SIGXFSZ, SIG_IGN);
-        struct rlimit small = old;
-        small.rlim_cur = 1 << 20;
-        ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
-        KPISerializer ser(dir.path(), nullptr);
-        LogCapture cap;
-        ASSERT_EQ(0, ser.Initialize(4194304, 1));
-        const std::string name = ser.GetCurrFileName();
-        for (int i = 0; i < 24; ++i) {
-            olvan::KPIData rec;
-            rec.add_blobs()->set_data(std::string(100000, 'b'));
-            ser.Write(rec);
-        }
-        ser.stopWriterThread();
-        const std::string log = cap.text();
-        setrlimit(RLIMIT_FSIZE, &old);
-        signal(SIGXFSZ, SIG_DFL);
-        ser.Finalize();
-        EXPECT_EQ(1,
-                  countLogLines(log, 'E', "Failed to write file: " + name + ": " + strerror(EFBIG)))
-                << log;
-    }
-}
-
-// A collector whose delivery holds the writer until released.
-class StalledDaemon : public zem_collector {
-  public:
-    explicit StalledDaemon(const zem_cfg_s& cfg) : zem_collector(cfg) {}
-    int SendData(const std::string& filename) override {
-        std::unique_lock<std::mutex> lock(mutex);
-        ++calls;
-        entered.notify_all();
-        released.wait(lock, [this] { return open; });
-        files.push_back(readFile(filename));
-        remove(filename.c_str());
-        return 0;
-    }
-    std::mutex mutex;
-    std::condition_variable entered, released;
-    int calls = 0;
-    bool open = false;
-    std::vector<std::string> files;
-};
-
-TEST(CacheFolder, RecordQueueIsBoundedAndCountsWhatItDrops) {
+// Writes that fail (here the file size limit) are logged once per file, with
+// the reason.
+TEST(CacheFolderTest, FailedWritesAreLoggedOncePerFile) {
     TempDir dir;
-    StalledDaemon daemon(zem_test::cacheDirCfg(dir.path()));
+    struct rlimit old;
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &old));
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit small = old;
+    small.rlim_cur = 1 << 20;
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+    KPISerializer ser(dir.path(), nullptr);
+    LogCapture cap;
+    ASSERT_EQ(0, ser.Initialize(4194304, 1));
+    const std::string name = ser.GetCurrFileName();
+    for (int i = 0; i < 24; ++i) {
+        olvan::KPIData rec;
+        rec.add_blobs()->set_data(std::string(100000, 'b'));
+        ser.Write(rec);
+    }
+    ser.stopWriterThread();
+    const std::string log = cap.text();
+    setrlimit(RLIMIT_FSIZE, &old);
+    signal(SIGXFSZ, SIG_DFL);
+    ser.Finalize();
+    EXPECT_EQ(1, countLogLines(log, 'E', "Failed to write file: " + name + ": " + strerror(EFBIG)))
+            << log;
+}
+
+TEST(CacheFolderTest, RecordQueueIsBoundedAndCountsWhatItDrops) {
+    TempDir dir;
+    RecordingCollector daemon(dir.path());
+    // The first delivery holds the writer until released.
+    std::atomic<bool> held{false};
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    daemon.onDelivery = [&] {
+        held = true;
+        released.wait();
+    };
     KPISerializer ser(dir.path(), &daemon);
     ASSERT_EQ(0, ser.Initialize(100, 1));
     // The first file passes the threshold at once; its delivery then holds
@@ -333,11 +277,7 @@ TEST(CacheFolder, RecordQueueIsBoundedAndCountsWhatItDrops) {
     olvan::KPIData big;
     big.add_blobs()->set_data(std::string(200, 'x'));
     ser.Write(big);
-    {
-        std::unique_lock<std::mutex> lock(daemon.mutex);
-        ASSERT_TRUE(daemon.entered.wait_for(lock, std::chrono::seconds(30),
-                                            [&] { return daemon.calls == 1; }));
-    }
+    ASSERT_TRUE(zem_test::waitFor([&] { return held.load(); }, std::chrono::seconds(30)));
     // What is let through then goes into one file.
     ASSERT_EQ(0, ser.Initialize(4194304, 1));
     const size_t perRecord = KPISerializer::kMaxQueuedBytes / KPISerializer::kRecordOverhead;
@@ -347,20 +287,11 @@ TEST(CacheFolder, RecordQueueIsBoundedAndCountsWhatItDrops) {
         auto rec = counterRecord(1, static_cast<uint64_t>(i));
         ser.Write(rec);
     }
-    {
-        std::lock_guard<std::mutex> lock(daemon.mutex);
-        daemon.open = true;
-    }
-    daemon.released.notify_all();
+    release.set_value();
     ser.Finalize();
     const std::string log = cap.text();
 
-    int delivered = 0;
-    for (const std::string& f : daemon.files) {
-        olvan::KPIData d;
-        ASSERT_TRUE(d.ParseFromString(f));
-        delivered += d.counters_size();
-    }
+    const int delivered = countersIn(daemon.delivered());
     // The bound held: no more records than it has room for.
     EXPECT_GT(delivered, 0);
     EXPECT_LE(static_cast<size_t>(delivered), perRecord);

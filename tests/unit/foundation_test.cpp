@@ -11,7 +11,7 @@
 using zem_test::countLogLines;
 using zem_test::LogCapture;
 
-TEST(Logging, GoesToTheRealLiblogWithTagAndPriority) {
+TEST(FoundationTest, LogsGoToTheRealLiblogWithTagAndPriority) {
     LogCapture cap;
     ZEM_LOGI("%s: SPC registration succeeded", "cam");
     ZEM_LOGE("Error opening cache directory: %s", "/nope");
@@ -22,7 +22,7 @@ TEST(Logging, GoesToTheRealLiblogWithTagAndPriority) {
     EXPECT_EQ(0, countLogLines(log, 'E', "cam: SPC registration succeeded"));
 }
 
-TEST(CheckedMath, AddsUpToTheLimitWithoutComplaint) {
+TEST(FoundationTest, CheckedMathGoesUpToTheLimitWithoutComplaint) {
     EXPECT_EQ(std::numeric_limits<uint64_t>::max(),
               zem::checkedAdd<uint64_t>(std::numeric_limits<uint64_t>::max() - 5, 5, "sum"));
     uint32_t n = std::numeric_limits<uint32_t>::max() - 1;
@@ -32,7 +32,7 @@ TEST(CheckedMath, AddsUpToTheLimitWithoutComplaint) {
               zem::checkedSub<int64_t>(std::numeric_limits<int64_t>::min() + 1, 1, "diff"));
 }
 
-TEST(CheckedMathDeathTest, OverflowTerminatesInsteadOfWrapping) {
+TEST(FoundationDeathTest, CheckedMathOverflowTerminatesInsteadOfWrapping) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(zem::checkedAdd<uint64_t>(std::numeric_limits<uint64_t>::max(), 1, "Counter sum"),
                  "arithmetic overflow in Counter sum");

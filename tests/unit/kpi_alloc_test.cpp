@@ -1,6 +1,7 @@
 // The per-sample path must not allocate: this binary replaces the global
 // allocation functions (every other form forwards to these) and counts
 // calls while samples land in an open window.
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -33,36 +34,30 @@ void operator delete(void* p, std::size_t) noexcept {
 
 namespace {
 
-TEST(kpiAllocation, SamplesInAnOpenWindowAllocateNothing) {
+TEST(KpiAllocationTest, SamplesInAnOpenWindowAllocateNothing) {
     zem_test::TempDir dir;
     KPISerializer serializer(dir.path(), nullptr);
-    KPICfg counter;
-    counter.set_type(KPI_NUMERIC);
-    counter.set_subtype(COUNTER);
-    counter.set_nof_samples(2000000);
-    KPICfg gauge = counter;
-    gauge.set_subtype(GAUGE);
-    gauge.mutable_g_cfg()->set_min(true);
-    gauge.mutable_g_cfg()->set_max(true);
-    gauge.mutable_g_cfg()->set_mean(true);
-    KPICfg histogram = counter;
-    histogram.set_subtype(HISTOGRAM);
-    histogram.set_duration_msecs(3600000);
-    for (uint32_t b = 0; b < 1024; ++b) histogram.mutable_h_cfg()->add_bucket_bounds(b * b);
-    histogram.mutable_h_cfg()->set_overflow_en(true);
-    histogram.mutable_h_cfg()->set_underflow_en(true);
-
-    KPICfg evenHistogram = histogram;  // the other bound search
-    evenHistogram.mutable_h_cfg()->clear_bucket_bounds();
-    for (uint32_t b = 0; b < 1024; ++b) evenHistogram.mutable_h_cfg()->add_bucket_bounds(b << 20);
-
-    for (const KPICfg* cfg : {&counter, &gauge, &histogram, &evenHistogram}) {
-        std::unique_ptr<KPI> kpi = KPI::Create(*cfg, serializer);
-        ASSERT_NE(nullptr, kpi);
+    const std::string numeric = "type: KPI_NUMERIC nof_samples: 2000000 subType: ";
+    std::string square, even;  // the two bound searches
+    for (uint32_t b = 0; b < 1024; ++b) {
+        square += " bucket_bounds: " + std::to_string(b * b);
+        even += " bucket_bounds: " + std::to_string(b << 20);
+    }
+    const std::string histogram =
+            "type: KPI_NUMERIC subType: HISTOGRAM duration_msecs: 3600000 "
+            "h_cfg { overflow_en: true underflow_en: true ";
+    const std::string cfgs[] = {numeric + "COUNTER",
+                                numeric + "GAUGE g_cfg { min: true max: true mean: true }",
+                                histogram + square + " }", histogram + even + " }"};
+    for (const std::string& text : cfgs) {
+        KPICfg cfg;
+        ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &cfg));
+        std::unique_ptr<KPI> kpi = KPI::Create(cfg, serializer);
+        ASSERT_NE(nullptr, kpi) << text;
         kpi->AddSample(1);  // the first sample opens the window
         const long before = allocations.load();
         for (unsigned int i = 0; i < 1000000; ++i) kpi->AddSample(i * 2654435761u);
-        EXPECT_EQ(before, allocations.load()) << cfg->subtype();
+        EXPECT_EQ(before, allocations.load()) << text;
         EXPECT_EQ(1000001u, kpi->sampleCount());
     }
     ASSERT_GT(allocations.load(), 0);  // the counting operator new is the one in use

@@ -23,7 +23,7 @@ class TagKPI : public KPI {
 
 }  // namespace
 
-TEST(KPITable, AgreesWithAnOrderedMap) {
+TEST(KpiTableTest, AgreesWithAnOrderedMap) {
     KPISerializer ser("/nonexistent", nullptr);
     std::mt19937 rng(12345);
     for (int round = 0; round < 20; ++round) {

@@ -9,14 +9,11 @@
 #include <climits>
 #include <random>
 #include <set>
-#include <typeinfo>
 
 #include "TestUtil.h"
 #include "kpi/Blob.h"
 #include "kpi/Counter.h"
-#include "kpi/Gauge.h"
 #include "kpi/Histogram.h"
-#include "kpi/StateMachine.h"
 #include "serializer/KPISerializer.h"
 
 namespace {
@@ -40,7 +37,7 @@ std::string logLine(const char* cls, int n, TimePoint start, TimePoint end) {
            ", tsEnd=" + std::to_string(end.time_since_epoch().count());
 }
 
-class KpiFixture : public testing::Test {
+class KpiTest : public testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(0, serializer.Initialize(4194304, 1)); }
 
@@ -50,124 +47,114 @@ class KpiFixture : public testing::Test {
         return kpi;
     }
 
-    // Everything written so far, in write order. Ends the campaign.
-    olvan::KPIData records() {
-        serializer.Finalize();
-        olvan::KPIData all;
-        for (const std::string& name : dir.list())
-            all.MergeFrom(zem_test::parseCacheFile(dir.file(name)));
-        return all;
-    }
-
     zem_test::TempDir dir;
     KPISerializer serializer{dir.path(), nullptr};
 };
 
-// Suites are named in lower case so that selecting tests by "kpi" finds them.
-using kpi = KpiFixture;
+constexpr int64_t kMs = 1000000;  // in nanoseconds
+constexpr int64_t kNoValue = -1;
 
-// With a value the window test comes first, so a window of N closes on
-// sample N+1; without one the sample is counted first and closes it on N.
-TEST_F(kpi, CountWindowClosesAfterSampleNWithAValueAndOnItWithout) {
-    auto valued = make("id: 7 type: KPI_NUMERIC subType: COUNTER nof_samples: 3");
-    const unsigned int values[] = {5, 7, 0, 100, 1, 2, 9};
-    for (int i = 0; i < 7; ++i) valued->AddSampleAt(kT0 + milliseconds(100 * i), values[i]);
-    EXPECT_EQ(1u, valued->sampleCount());  // 9 opened a window that is never flushed
-    auto valueless = make("type: KPI_NUMERIC subType: COUNTER nof_samples: 3");
-    for (int i = 0; i < 3; ++i) valueless->AddSampleAt(kT0);
-    EXPECT_EQ(0u, valueless->sampleCount());
-    auto state = make("type: KPI_STATE nof_samples: 2");  // rolls windows, never emits
-    for (int i = 0; i < 5; ++i) state->AddSampleAt(kT0, 1);
-    EXPECT_EQ(1u, state->sampleCount());
-
-    const olvan::KPIData data = records();
-    ASSERT_EQ(3, data.counters_size());
-    EXPECT_EQ(12u, data.counters(0).value());
-    EXPECT_EQ(3u, data.counters(0).meta().nof_samples());
-    EXPECT_EQ(7u, data.counters(0).meta().id());
-    EXPECT_EQ(103u, data.counters(1).value());
-    // The closing sample opens the next window at its own time.
-    EXPECT_EQ(126u, data.counters(1).meta().ts_start());
-    EXPECT_EQ(128u, data.counters(1).meta().ts_end());
-    EXPECT_EQ(3u, data.counters(2).meta().nof_samples());
-    EXPECT_EQ(0u, data.counters(2).value());
+// What a campaign wrote, in one line: each record's window as
+// "start-end/samples" in record units (with "#id" before it when set) and its
+// aggregate; histogram bins in brackets, blob data as runs ("aaab" is "a3b1").
+template <class Records>
+void describe(Records* records, std::string* out) {
+    for (auto& r : *records) {
+        const olvan::MetaData m = r.meta();
+        r.clear_meta();
+        if (m.id() != 0) *out += "#" + std::to_string(m.id()) + " ";
+        *out += std::to_string(m.ts_start()) + "-" + std::to_string(m.ts_end()) + "/" +
+                std::to_string(m.nof_samples()) + " ";
+        using R = std::decay_t<decltype(r)>;
+        if constexpr (std::is_same_v<R, olvan::Histogram>) {
+            *out += "[";
+            for (uint32_t n : r.bin_counts()) *out += std::to_string(n) + " ";
+            out->back() = ']';
+        } else if constexpr (std::is_same_v<R, olvan::Blob>) {
+            for (size_t i = 0, j; i < r.data().size(); i = j) {
+                for (j = i; j < r.data().size() && r.data()[j] == r.data()[i];) ++j;
+                *out += r.data()[i] + std::to_string(j - i);
+            }
+        } else {
+            *out += "{" + r.ShortDebugString() + "}";
+        }
+        *out += " ";
+    }
 }
 
-TEST_F(kpi, DurationWindowHoldsWhileFewerWholeMillisecondsPassed) {
-    auto kpi = make("type: KPI_NUMERIC subType: COUNTER duration_msecs: 1000");
-    kpi->AddSampleAt(kT0, 1);
-    kpi->AddSampleAt(kT0 + milliseconds(999), 2);
-    kpi->AddSampleAt(kT0 + nanoseconds(999999999), 4);  // still 999 whole ms
-    kpi->AddSampleAt(kT0 + milliseconds(1000), 8);      // closes, opens at 1000
-    kpi->AddSampleAt(kT0 + milliseconds(1999), 16);
-    kpi->AddSampleAt(kT0 + milliseconds(2000), 32);
+struct WindowCase {
+    std::string cfg;
+    std::vector<int64_t> values;   // kNoValue: a sample without one; a blob's: its length
+    std::string outcome;           // refused samples, the records written, the samples left open
+    std::vector<int64_t> at = {};  // nanoseconds after kT0; by default sample i at i * 100 ms
+};
 
-    const olvan::KPIData data = records();
-    ASSERT_EQ(2, data.counters_size());
-    EXPECT_EQ(7u, data.counters(0).value());
-    EXPECT_EQ(3u, data.counters(0).meta().nof_samples());
-    EXPECT_EQ(123u, data.counters(0).meta().ts_start());  // tenths of a second
-    EXPECT_EQ(133u, data.counters(0).meta().ts_end());
-    EXPECT_EQ(24u, data.counters(1).value());
-    EXPECT_EQ(133u, data.counters(1).meta().ts_start());
+// Feeds one case to a KPI of its own. A blob sample of length n is n bytes of
+// the letter 'a' + its index.
+void checkWindows(const WindowCase& c) {
+    SCOPED_TRACE(c.cfg);
+    zem_test::TempDir dir;
+    KPISerializer ser(dir.path(), nullptr);
+    ASSERT_EQ(0, ser.Initialize(4194304, 1));
+    std::unique_ptr<KPI> kpi = KPI::Create(cfgOf(c.cfg), ser);
+    ASSERT_NE(nullptr, kpi);
+    std::string outcome;
+    std::vector<unsigned char> buf;
+    for (size_t i = 0; i < c.values.size(); ++i) {
+        const TimePoint t = kT0 + nanoseconds(c.at.empty() ? 100 * kMs * i : c.at[i]);
+        int rc;
+        if (kpi->GetType() == KPI_BLOB) {
+            buf.assign(c.values[i], static_cast<unsigned char>('a' + i));
+            rc = static_cast<Blob&>(*kpi).LogBufAt(t, buf.empty() ? nullptr : buf.data(),
+                                                   static_cast<unsigned int>(buf.size()));
+        } else {
+            rc = c.values[i] == kNoValue ? kpi->AddSampleAt(t)
+                                         : kpi->AddSampleAt(t, static_cast<unsigned>(c.values[i]));
+        }
+        if (rc != 0) outcome += "refused " + std::to_string(i) + " ";
+    }
+    const unsigned int open = kpi->sampleCount();
+    ser.Finalize();
+    olvan::KPIData written;
+    for (const std::string& name : dir.list())
+        written.MergeFrom(zem_test::parseCacheFile(dir.file(name)));
+    EXPECT_EQ(olvan::V1, written.version());
+    describe(written.mutable_counters(), &outcome);
+    describe(written.mutable_gauges(), &outcome);
+    describe(written.mutable_histograms(), &outcome);
+    describe(written.mutable_blobs(), &outcome);
+    EXPECT_EQ(c.outcome, outcome + "open " + std::to_string(open));
 }
 
-TEST_F(kpi, WithoutWindowEverySampleEmitsThePreviousOneAndLogsIt) {
+TEST_F(KpiTest, WithoutWindowEverySampleLogsTheWindowItCloses) {
     auto counter = make("type: KPI_NUMERIC subType: COUNTER");
     auto gauge = make("type: KPI_NUMERIC subType: GAUGE");
     auto histogram = make("type: KPI_NUMERIC subType: HISTOGRAM h_cfg { bucket_bounds: 10 }");
     auto blob = make("type: KPI_BLOB b_cfg { singleSampleSizeTresholdBytes: 4 }");
-    const TimePoint t1 = kT0 + milliseconds(50);
     const unsigned char byte = 1;
     zem_test::LogCapture log;
     for (KPI* kpi : {counter.get(), gauge.get()}) {
         kpi->AddSampleAt(kT0, 4);
-        kpi->AddSampleAt(t1, 5);
+        kpi->AddSampleAt(kT0 + milliseconds(50), 5);
     }
     histogram->AddSampleAt(kT0, 3);  // one bound, no flags: no bin takes it
     static_cast<Blob&>(*blob).LogBufAt(kT0, &byte, 1);
     // Emitted windows are logged by the writer thread as it writes them.
     serializer.stopWriterThread();
     const std::string& text = log.text();
-
-    // The first sample closes a window that never started.
     EXPECT_EQ(3, countLogLines(text, 'I', "numSamples < 1, so skipping"));
     EXPECT_EQ(1, countLogLines(text, 'I', logLine("Counter", 0, kT0, TimePoint{})));
     EXPECT_EQ(1, countLogLines(text, 'I', logLine("Counter", 1, kT0, kT0)));
     EXPECT_EQ(1, countLogLines(text, 'I', logLine("Gauge", 1, kT0, kT0)));
     EXPECT_EQ(1, countLogLines(text, 'I', logLine("Histogram", 0, kT0, TimePoint{})));
     EXPECT_EQ(1, countLogLines(text, 'I', logLine("Blob", 1, kT0, kT0)));
-
-    const olvan::KPIData data = records();
-    ASSERT_EQ(1, data.counters_size());
-    EXPECT_EQ(4u, data.counters(0).value());
-    EXPECT_EQ(1, data.gauges_size());
-    EXPECT_EQ(0, data.histograms_size());
-    EXPECT_EQ(1, data.blobs_size());
 }
 
-TEST_F(kpi, FactoryBuildsByTypeAndRefusesWhatTheClassesReject) {
+TEST_F(KpiTest, FactoryRefusesJustWhatTheClassesReject) {
     std::string bounds1024 = "type: KPI_NUMERIC subType: HISTOGRAM h_cfg {";
     for (int i = 0; i < 1024; ++i) bounds1024 += " bucket_bounds: " + std::to_string(i);
-    const std::pair<std::string, const std::type_info&> built[] = {
-            {"type: KPI_NUMERIC subType: COUNTER", typeid(Counter)},
-            {"type: KPI_NUMERIC subType: GAUGE", typeid(Gauge)},
-            {bounds1024 + " }", typeid(Histogram)},
-            {"type: KPI_STATE subType: GAUGE", typeid(StateMachine)},
-            {"type: KPI_BLOB subType: COUNTER b_cfg { singleSampleSizeTresholdBytes: 4 }",
-             typeid(Blob)},
-            {"type: KPI_BLOB b_cfg { singleSampleSizeTresholdBytes: 524288 "
-             "sampleRateThresholdPerSec: 1000 }",
-             typeid(Blob)},
-    };
-    for (const auto& [text, type] : built) {
-        std::unique_ptr<KPI> kpi = make(text);
-        ASSERT_NE(nullptr, kpi);
-        const KPI& ref = *kpi;
-        EXPECT_EQ(type, typeid(ref)) << text;
-        EXPECT_EQ(cfgOf(text).type(), kpi->GetType());
-    }
-
+    // Every other kind is built by the window cases.
+    EXPECT_NE(nullptr, KPI::Create(cfgOf(bounds1024 + " }"), serializer));
     zem_test::LogCapture log;
     const std::string refused[] = {
             "type: KPI_NUMERIC",
@@ -195,83 +182,100 @@ TEST_F(kpi, FactoryBuildsByTypeAndRefusesWhatTheClassesReject) {
     EXPECT_EQ(3, static_cast<int>(std::count(text.begin(), text.end(), '\n')));
 }
 
-TEST_F(kpi, GaugeReportsOnlyTheStatisticsAskedFor) {
-    auto all =
-            make("type: KPI_NUMERIC subType: GAUGE nof_samples: 3 "
-                 "g_cfg { min: true max: true mean: true }");
-    auto meanOnly = make("type: KPI_NUMERIC subType: GAUGE nof_samples: 3 g_cfg { mean: true }");
-    auto minOnly = make("type: KPI_NUMERIC subType: GAUGE nof_samples: 1 g_cfg { min: true }");
-    for (unsigned int v : {10u, 2u, 7u, 50u, 51u, 52u, 0u}) all->AddSampleAt(kT0, v);
-    for (unsigned int v : {5592407u, 5592407u, 5592407u, 0u}) meanOnly->AddSampleAt(kT0, v);
-    minOnly->AddSampleAt(kT0, UINT_MAX);
-    minOnly->AddSampleAt(kT0, 0);
-
-    const olvan::KPIData data = records();
-    ASSERT_EQ(4, data.gauges_size());
-    const olvan::Gauge& first = data.gauges(0);
-    EXPECT_EQ(2u, first.min());
-    EXPECT_EQ(10u, first.max());
-    EXPECT_EQ(static_cast<float>(19.0 / 3.0), first.mean());
-    // The second window starts from fresh extremes.
-    EXPECT_EQ(50u, data.gauges(1).min());
-    EXPECT_EQ(52u, data.gauges(1).max());
-    EXPECT_EQ(51.0f, data.gauges(1).mean());
-    // The quotient is taken in double and only then rounded: dividing the
-    // sum rounded to float first would give 5592406.5.
-    EXPECT_EQ(5592407.0f, data.gauges(2).mean());
-    // What was not requested is absent.
-    EXPECT_EQ(olvan::Gauge::MIN_ONEOF_NOT_SET, data.gauges(2).min_oneof_case());
-    EXPECT_EQ(olvan::Gauge::MAX_ONEOF_NOT_SET, data.gauges(2).max_oneof_case());
-    EXPECT_EQ(UINT_MAX, data.gauges(3).min());
-    EXPECT_EQ(olvan::Gauge::MEAN_ONEOF_NOT_SET, data.gauges(3).mean_oneof_case());
-}
-
-TEST_F(kpi, HistogramBinLayoutFollowsTheFlags) {
-    const std::string base =
+TEST_F(KpiTest, WindowsCloseByCountDurationAndBytesAndEmitTheAggregate) {
+    const std::string kBins =
             "type: KPI_NUMERIC subType: HISTOGRAM h_cfg { bucket_bounds: [10, 20, 30] ";
-    const TimePoint late = kT0 + std::chrono::seconds(5);
-    auto feed = [&](const std::string& text, std::initializer_list<unsigned int> values) {
-        auto kpi = make(text);
-        for (unsigned int v : values) kpi->AddSampleAt(kT0, v);
-        return kpi;
+    const std::string kHuge =
+            "type: KPI_BLOB nof_samples: 4294967295 b_cfg { singleSampleSizeTresholdBytes: 524288 "
+            "sampleRateThresholdPerSec: 1000 }";
+    const WindowCase cases[] = {
+            // With a value the window test comes first, so a window of N closes
+            // on sample N+1; without one the sample is counted first and closes
+            // it on N. The closing sample opens the next window at its own time.
+            {"id: 7 type: KPI_NUMERIC subType: COUNTER nof_samples: 3",
+             {5, 7, 0, 100, 1, 2, 9},
+             "#7 123-125/3 {value: 12} #7 126-128/3 {value: 103} open 1"},
+            {"type: KPI_NUMERIC subType: COUNTER nof_samples: 3",
+             {kNoValue, kNoValue, kNoValue},
+             "123-125/3 {} open 0"},
+            // State and blob aggregators take any subtype.
+            {"type: KPI_STATE subType: GAUGE nof_samples: 2",
+             {1, 1, 1, 1, 1},
+             "open 1"},  // never emits
+            // A duration window holds while fewer whole milliseconds passed.
+            {"type: KPI_NUMERIC subType: COUNTER duration_msecs: 1000",
+             {1, 2, 4, 8, 16, 32},
+             "123-133/3 {value: 7} 133-143/2 {value: 24} open 1",
+             {0, 999 * kMs, 1000 * kMs - 1, 1000 * kMs, 1999 * kMs, 2000 * kMs}},
+            // Without a window every sample emits the one before.
+            {"type: KPI_NUMERIC subType: COUNTER", {4, 5}, "123-123/1 {value: 4} open 1"},
+            {"type: KPI_NUMERIC subType: GAUGE", {4, 5}, "123-123/1 {} open 1"},
+            {"type: KPI_BLOB subType: COUNTER b_cfg { singleSampleSizeTresholdBytes: 4 }",
+             {1},
+             "123-123/1 a1 open 0"},
+            // Gauges report only the statistics asked for, each window from
+            // fresh extremes; the mean is taken in double and only then
+            // rounded (rounding the sum first gives 5592406.5).
+            {"type: KPI_NUMERIC subType: GAUGE nof_samples: 3 g_cfg { min: true max: true mean: "
+             "true }",
+             {10, 2, 7, 50, 51, 52, 0},
+             "123-125/3 {min: 2 max: 10 mean: 6.33333349} 126-128/3 {min: 50 max: 52 mean: 51} "
+             "open 1"},
+            {"type: KPI_NUMERIC subType: GAUGE nof_samples: 3 g_cfg { mean: true }",
+             {5592407, 5592407, 5592407, 0},
+             "123-125/3 {mean: 5592407} open 1"},
+            {"type: KPI_NUMERIC subType: GAUGE nof_samples: 1 g_cfg { min: true }",
+             {UINT_MAX, 0},
+             "123-123/1 {min: 4294967295} open 1"},
+            // Histogram bins follow the flags. A value above the last bound
+            // without overflow is dropped: neither counted nor moving the window
+            // end; with overflow it is counted into no emitted bin.
+            {kBins + "} duration_msecs: 1000",
+             {10, 11, 20, 21, 30, 31, 15},
+             "123-123/4 [2 2] open 1",
+             {0, 0, 0, 0, 0, 500 * kMs, 5000 * kMs}},
+            {kBins + "underflow_en: true overflow_en: true } nof_samples: 6",
+             {0, 10, 11, 30, 31, UINT_MAX, 15},
+             "123-128/6 [2 1 1 2] open 1"},
+            {kBins + "underflow_en: true } nof_samples: 4",
+             {5, 10, 31, 20, 30, 15},
+             "123-127/4 [2 1 1] open 1"},
+            {kBins + "overflow_en: true } nof_samples: 4",
+             {5, 11, 21, 31, UINT_MAX, 11, 11, 11, 11, 15},
+             "123-127/4 [1 1 0] 128-131/4 [4 0 0] open 1"},
+            // One bound without flags has no bin at all: nothing is ever counted.
+            {"type: KPI_NUMERIC subType: HISTOGRAM nof_samples: 1 h_cfg { bucket_bounds: 5 }",
+             {0, 5, 6},
+             "open 0"},
+            // Blobs keep buffers up to the threshold and join them.
+            {"type: KPI_BLOB nof_samples: 3 b_cfg { singleSampleSizeTresholdBytes: 4 }",
+             {5, 3, 0, 4, 2, 1, 1},
+             "refused 0 124-126/3 b3d4 126-129/3 e2f1g1 open 0"},
+            // A blob window also closes at the sample that brings its stored
+            // bytes to 512 KiB; the next sample opens a new one.
+            {kHuge, {524287, 1, 5}, "123-124/2 a524287b1 open 1"},  // exactly the bound closes
+            {kHuge,
+             {524287, 524288, 1},
+             "123-124/2 a524287b524288 open 1"},  // the largest record: 1 MiB - 1
+            {kHuge,
+             {524288, 524288, 3},
+             "123-123/1 a524288 123-124/1 b524288 open 1"},  // one full sample is a window
+            {kHuge, {262144, 262143}, "open 2"},             // one byte short stays open
+            {"type: KPI_BLOB duration_msecs: 60000 b_cfg { singleSampleSizeTresholdBytes: 524288 }",
+             {300000, 300000, 300000},
+             "123-124/2 a300000b300000 open 1"},
+            // The count closes first; the byte bound then closes its own.
+            {"type: KPI_BLOB nof_samples: 2 b_cfg { singleSampleSizeTresholdBytes: 524288 }",
+             {10, 524288, 524288},
+             "123-124/2 a10b524288 124-125/1 c524288 open 0"},
     };
-    auto none = feed(base + "} duration_msecs: 1000", {10, 11, 20, 21, 30});
-    // Dropped: neither counted nor moving the window end.
-    none->AddSampleAt(kT0 + milliseconds(500), 31);
-    none->AddSampleAt(late, 15);
-    feed(base + "underflow_en: true overflow_en: true } nof_samples: 6",
-         {0, 10, 11, 30, 31, UINT_MAX, 15});
-    feed(base + "underflow_en: true } nof_samples: 4", {5, 10, 31, 20, 30, 15});
-    // Above the last bound: counted, but into no emitted bin.
-    auto over = feed(base + "overflow_en: true } nof_samples: 4",
-                     {5, 11, 21, 31, UINT_MAX, 11, 11, 11, 11});
-    over->AddSampleAt(late, 15);
-
-    const olvan::KPIData data = records();
-    auto bins = [&](int i) {
-        const auto& b = data.histograms(i).bin_counts();
-        return std::vector<uint32_t>(b.begin(), b.end());
-    };
-    ASSERT_EQ(5, data.histograms_size());
-    EXPECT_EQ((std::vector<uint32_t>{2, 2}), bins(0));
-    EXPECT_EQ(123u, data.histograms(0).meta().ts_end());
-    EXPECT_EQ((std::vector<uint32_t>{2, 1, 1, 2}), bins(1));
-    EXPECT_EQ((std::vector<uint32_t>{2, 1, 1}), bins(2));
-    EXPECT_EQ((std::vector<uint32_t>{1, 1, 0}), bins(3));
-    EXPECT_EQ(4u, data.histograms(3).meta().nof_samples());
-    EXPECT_EQ((std::vector<uint32_t>{4, 0, 0}), bins(4));  // reset, spare never shows
-
-    // One bound without flags has no bin at all: nothing is ever counted.
-    auto single =
-            make("type: KPI_NUMERIC subType: HISTOGRAM nof_samples: 1 h_cfg { bucket_bounds: 5 }");
-    for (unsigned int v : {0u, 5u, 6u}) single->AddSampleAt(kT0, v);
-    EXPECT_EQ(0u, single->sampleCount());
+    for (const WindowCase& c : cases) checkWindows(c);
 }
 
 // Every search the histogram may pick must agree with the scan from the
 // front: repeated bounds, values equal to, next to and between bounds, and
 // lists that are evenly spread, clustered, random or out of order.
-TEST_F(kpi, BucketSearchMatchesTheFrontToBackScan) {
+TEST_F(KpiTest, BucketSearchMatchesTheFrontToBackScan) {
     std::mt19937 rng(20240601);
     auto reference = [](const std::vector<uint32_t>& b, bool over, bool under, uint32_t v) {
         const uint32_t n = static_cast<uint32_t>(b.size());
@@ -322,82 +326,6 @@ TEST_F(kpi, BucketSearchMatchesTheFrontToBackScan) {
     EXPECT_EQ(3u, used.size());
 }
 
-TEST_F(kpi, BlobKeepsBuffersUpToTheThresholdAndJoinsThem) {
-    auto kpi = make("type: KPI_BLOB nof_samples: 3 b_cfg { singleSampleSizeTresholdBytes: 100 }");
-    auto* blob = static_cast<Blob*>(kpi.get());
-    const std::vector<unsigned char> big(101, 'x');
-    const unsigned char abc[] = {'a', 'b', 'c'};
-    EXPECT_EQ(-1, blob->LogBufAt(kT0, big.data(), 101));
-    EXPECT_EQ(0u, blob->sampleCount());
-    EXPECT_EQ(0, blob->LogBufAt(kT0, abc, 3));
-    EXPECT_EQ(0, blob->LogBufAt(kT0, nullptr, 0));
-    EXPECT_EQ(0, blob->LogBufAt(kT0, big.data(), 100));  // third sample closes the window
-    EXPECT_EQ(0u, blob->sampleCount());
-    EXPECT_EQ(0, blob->LogBufAt(kT0, abc + 1, 2));
-    EXPECT_EQ(0, blob->LogBufAt(kT0, abc, 1));
-    EXPECT_EQ(0, blob->LogBufAt(kT0, abc + 2, 1));
-
-    const olvan::KPIData data = records();
-    ASSERT_EQ(2, data.blobs_size());
-    EXPECT_EQ("abc" + std::string(100, 'x'), data.blobs(0).data());
-    EXPECT_EQ(3u, data.blobs(0).meta().nof_samples());
-    EXPECT_EQ("bcac", data.blobs(1).data());
-}
-
-// A window closes at the sample that brings its stored bytes to 512 KiB,
-// whatever its own limit; the next sample opens a new window.
-TEST_F(kpi, BlobWindowClosesAtHalfAMebibyteOfStoredBytes) {
-    struct Case {
-        const char* cfg;
-        std::vector<unsigned int> sizes;      // logged in order at kT0 + i ms
-        std::vector<uint64_t> windowSamples;  // per emitted record (the last one stays open)
-    };
-    const char* const huge =
-            "type: KPI_BLOB nof_samples: 4294967295 b_cfg { singleSampleSizeTresholdBytes: 524288 "
-            "}";
-    const char* const timed =
-            "type: KPI_BLOB duration_msecs: 60000 b_cfg { singleSampleSizeTresholdBytes: 524288 }";
-    const Case cases[] = {
-            {huge, {524287, 1, 5}, {2}},             // exactly the bound closes
-            {huge, {524287, 524288, 1}, {2}},        // the largest record: 1 MiB - 1
-            {huge, {524288, 524288, 3}, {1, 1}},     // one full sample is a window
-            {huge, {262144, 262143}, {}},            // one byte short stays open
-            {timed, {300000, 300000, 300000}, {2}},  // duration windows too
-            {"type: KPI_BLOB nof_samples: 2 b_cfg { singleSampleSizeTresholdBytes: 524288 }",
-             {10, 524288, 524288},
-             {2, 1}},  // the count closes first; the byte bound then closes its own
-    };
-    for (const Case& c : cases) {
-        zem_test::TempDir caseDir;
-        KPISerializer ser(caseDir.path(), nullptr);
-        ASSERT_EQ(0, ser.Initialize(4194304, 1));
-        auto kpi = KPI::Create(cfgOf(c.cfg), ser);
-        ASSERT_NE(kpi, nullptr);
-        auto* blob = static_cast<Blob*>(kpi.get());
-        std::vector<unsigned char> buf;
-        uint64_t logged = 0;
-        for (size_t i = 0; i < c.sizes.size(); ++i) {
-            buf.assign(c.sizes[i], static_cast<unsigned char>('a' + i));
-            ASSERT_EQ(0, blob->LogBufAt(kT0 + milliseconds(i), buf.data(), c.sizes[i]));
-            logged += c.sizes[i];
-        }
-        ser.Finalize();
-        olvan::KPIData data;
-        for (const std::string& name : caseDir.list())
-            data.MergeFrom(zem_test::parseCacheFile(caseDir.file(name)));
-        ASSERT_EQ(c.windowSamples.size(), static_cast<size_t>(data.blobs_size())) << c.cfg;
-        uint64_t emitted = 0;
-        for (int i = 0; i < data.blobs_size(); ++i) {
-            EXPECT_EQ(c.windowSamples[i], data.blobs(i).meta().nof_samples()) << c.cfg;
-            EXPECT_LT(data.blobs(i).data().size(), 2 * Blob::kMaxWindowBytes);
-            emitted += data.blobs(i).data().size();
-        }
-        // What is not emitted is still held by the open window, and less
-        // than the bound.
-        EXPECT_LT(logged - emitted, Blob::kMaxWindowBytes) << c.cfg;
-    }
-}
-
 // Starts from nearly full counts, which would otherwise take 2^32 samples.
 class NearlyFullCounter : public Counter {
   public:
@@ -410,7 +338,7 @@ class NearlyFullHistogram : public Histogram {
     void fillBin(uint32_t i) { bins[i] = UINT_MAX; }
 };
 
-TEST(kpiDeathTest, CountsTerminateTheProcessInsteadOfWrapping) {
+TEST(KpiDeathTest, CountsTerminateTheProcessInsteadOfWrapping) {
     zem_test::TempDir dir;
     KPISerializer serializer(dir.path(), nullptr);  // no writer thread: safe to fork
     NearlyFullCounter counter(cfgOf("type: KPI_NUMERIC duration_msecs: 1000"), serializer);
