@@ -12,6 +12,7 @@
 #include <typeinfo>
 
 #include "TestUtil.h"
+#include "collector/CampaignRules.h"
 #include "kpi/Blob.h"
 #include "kpi/Counter.h"
 #include "kpi/Gauge.h"
@@ -389,12 +390,12 @@ TEST_F(kpi, BlobWindowClosesAtHalfAMebibyteOfStoredBytes) {
         uint64_t emitted = 0;
         for (int i = 0; i < data.blobs_size(); ++i) {
             EXPECT_EQ(c.windowSamples[i], data.blobs(i).meta().nof_samples()) << c.cfg;
-            EXPECT_LT(data.blobs(i).data().size(), 2 * Blob::kMaxWindowBytes);
+            EXPECT_LT(data.blobs(i).data().size(), 2 * zem::kBlobWindowBytes);
             emitted += data.blobs(i).data().size();
         }
         // What is not emitted is still held by the open window, and less
         // than the bound.
-        EXPECT_LT(logged - emitted, Blob::kMaxWindowBytes) << c.cfg;
+        EXPECT_LT(logged - emitted, zem::kBlobWindowBytes) << c.cfg;
     }
 }
 
