@@ -87,12 +87,12 @@ std::optional<CampaignProblem> campaignLimitProblem(const LTCCampaignDef& def) {
             {kPayloadLength, def.cfg_payload().size()},
     };
     CampaignProblem problem;
-    problem.collectorLines.push_back("invalid campaign config");
+    problem.refusal = "invalid campaign config";
     for (const auto& [limit, value] : values) {
         if (!limit.holds(value))
-            problem.collectorLines.push_back("campaign field " + outside(limit, value));
+            problem.details.push_back("campaign field " + outside(limit, value));
     }
-    if (problem.collectorLines.size() == 1) return std::nullopt;
+    if (problem.details.empty()) return std::nullopt;
     return problem;
 }
 
@@ -113,16 +113,17 @@ std::vector<CampaignProblem> campaignProblems(const LTCCampaignDef& def) {
             problem.factoryLine = line;
         }
         const std::string id = std::to_string(cfg.id());
-        problem.collectorLines = {"error: could not create KPI id: " + id + " from KPICfg",
-                                  "KPI id " + id + " refused: " + reasonOf(refusal, cfg)};
+        problem.refusal = "error: could not create KPI id: " + id + " from KPICfg";
+        problem.details = {"KPI id " + id + " refused: " + reasonOf(refusal, cfg)};
         out.push_back(std::move(problem));
     }
     return out;
 }
 
 void logCollectorLines(const CampaignProblem& problem, const std::string& name) {
-    for (const std::string& line : problem.collectorLines) {
-        ZEM_LOGE("%s: %s", name.c_str(), line.c_str());
+    ZEM_LOGE("%s: %s", name.c_str(), problem.refusal.c_str());
+    for (const std::string& detail : problem.details) {
+        ZEM_LOGE("%s: %s", name.c_str(), detail.c_str());
     }
 }
 

@@ -78,10 +78,12 @@ struct CampaignProblem {
     int kpiIndex = -1;
     // The line KPI::Create logs itself, without a prefix, or empty.
     std::string factoryLine;
-    // The collector's lines, each logged after "NAME: ": the refusal
-    // ("invalid campaign config", "error: could not create KPI id: ...")
-    // then one detail line per limit broken, or the KPI's reason.
-    std::vector<std::string> collectorLines;
+    // The collector's lines, each logged after "NAME: ": the refusal it has
+    // always logged ("invalid campaign config", "error: could not create KPI
+    // id: ID from KPICfg"), then the details: one line per campaign-wide
+    // limit broken, or the one reason a KPI is refused.
+    std::string refusal;
+    std::vector<std::string> details;
 };
 
 // The campaign-wide limits `def` breaks, or nothing when it keeps them all.

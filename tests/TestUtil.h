@@ -127,8 +127,9 @@ class LogCapture {
 
 // How many lines of `log` are a liblog line of priority `prio` ('I' or 'E')
 // under the tag "zem_sdk" whose message is exactly `message`.
-inline int countLogLines(const std::string& log, char prio, const std::string& message) {
-    int n = 0;
+// The messages of the library's lines at priority `prio` ('I', 'E'), in order.
+inline std::vector<std::string> logMessages(const std::string& log, char prio) {
+    std::vector<std::string> out;
     std::istringstream in(log);
     std::string line;
     const std::string head = std::string("zem_sdk ") + prio + " ";
@@ -142,9 +143,14 @@ inline int countLogLines(const std::string& log, char prio, const std::string& m
         std::string rest;
         std::getline(fields, rest);
         if (!rest.empty() && rest[0] == ' ') rest.erase(0, 1);
-        if (rest == message) ++n;
+        out.push_back(rest);
     }
-    return n;
+    return out;
+}
+
+inline int countLogLines(const std::string& log, char prio, const std::string& message) {
+    const std::vector<std::string> messages = logMessages(log, prio);
+    return static_cast<int>(std::count(messages.begin(), messages.end(), message));
 }
 
 // Polls `cond` every millisecond until it holds or `timeout` passes.
