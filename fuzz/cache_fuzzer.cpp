@@ -4,7 +4,7 @@
 // records pass the fuzzed size threshold. Finished files go to a stand-in
 // collector that takes them as a successful delivery does (removes them).
 //
-// The threshold is kept within the campaign's bounds (100 to 4194304 bytes)
+// The threshold is kept within the campaign's bounds (zem::kSizeThreshold)
 // as the collector's validation keeps it: below 2 bytes every version record
 // closes its file and the writer never stops rolling over.
 //
@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <string>
 
+#include "collector/CampaignRules.h"
 #include "collector/zem_collector.h"
 #include "fuzz/FuzzSupport.h"
 #include "metric.pb.h"
@@ -30,8 +31,6 @@ namespace {
 
 constexpr int kMaxFiles = 6;
 constexpr int kMaxRecords = 64;
-constexpr uint32_t kMinSizeThreshold = 100;
-constexpr uint32_t kMaxSizeThreshold = 4194304;
 
 // Takes every finished file the way a transport does after a successful
 // send: reads it whole and removes it.
@@ -88,7 +87,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     zem_fuzz::ByteReader in(data, size);
     const uint32_t sizeThreshold =
-            kMinSizeThreshold + in.u32() % (kMaxSizeThreshold - kMinSizeThreshold + 1);
+            zem::kSizeThreshold.min +
+            in.u32() % (zem::kSizeThreshold.max - zem::kSizeThreshold.min + 1);
     const int files = in.u8() % (kMaxFiles + 1);
     for (int i = 0; i < files; ++i) {
         const uint8_t kind = in.u8() % 3;
