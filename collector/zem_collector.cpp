@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "collector/CampaignRules.h"
 #include "collector/CollectorSeams.h"
 #include "common/DaemonCall.h"
 #include "common/ZemLog.h"
@@ -269,13 +270,7 @@ int zem_collector::LostConn() {
 }
 
 bool zem_collector::validCfg(const LTCCampaignDef& def) const {
-    if (def.size_threshold() < minSizeThreshold) return false;
-    if (def.size_threshold() > maxSizeThreshold) return false;
-    if (def.time_threshold() < minTimeThreshold) return false;
-    if (def.time_threshold() > maxTimeThreshold) return false;
-    if (static_cast<uint32_t>(def.kpicfgs_size()) > maxKpiCount) return false;
-    if (def.cfg_payload().size() > maxPayloadLength) return false;
-    return true;
+    return !zem::campaignLimitProblem(def).has_value();
 }
 
 int zem_collector::StartCampaign(const std::string& config) {
@@ -295,8 +290,11 @@ int zem_collector::startLocked(const std::string& config) {
     }
     ZEM_LOGI("%s: Recvd Thresholds Size: %d Time: %d", name.c_str(),
              static_cast<int>(def.size_threshold()), static_cast<int>(def.time_threshold()));
-    if (!validCfg(def)) {
-        ZEM_LOGE("%s: invalid campaign config", name.c_str());
+    // Everything the rules refuse, found once; each record is logged where
+    // the start meets it.
+    const std::vector<zem::CampaignProblem> problems = zem::campaignProblems(def);
+    if (!problems.empty() && problems.front().kpiIndex < 0) {
+        zem::logCollectorLines(problems.front(), name);
         return -1;
     }
     if (serializer.Initialize(def.size_threshold(), def.time_threshold()) != 0) return -1;
@@ -309,13 +307,18 @@ int zem_collector::startLocked(const std::string& config) {
     next->adopt(*table, static_cast<size_t>(def.kpicfgs_size()));
     std::vector<std::unique_ptr<KPI>> replaced;
     int result = 0;
-    for (const KPICfg& cfg : def.kpicfgs()) {
+    for (int i = 0; i < def.kpicfgs_size(); ++i) {
+        const KPICfg& cfg = def.kpicfgs(i);
         std::string text;
         printer.PrintToString(cfg, &text);
         ZEM_LOGI("%s: Recvd KPICfg %s", name.c_str(), text.c_str());
         std::unique_ptr<KPI> kpi = KPI::Create(cfg, serializer);
         if (!kpi) {
-            ZEM_LOGE("%s: error: could not create KPI id: %d from KPICfg", name.c_str(), cfg.id());
+            // KPI::Create decides by the same rules, so the record is there;
+            // it logged its own line already.
+            for (const zem::CampaignProblem& p : problems) {
+                if (p.kpiIndex == i) zem::logCollectorLines(p, name);
+            }
             result = -1;
             break;
         }

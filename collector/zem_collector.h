@@ -2,8 +2,8 @@
 //
 // Owns the client's identity (name, version, token), its transport client,
 // the KPI table of the running campaign, the serializer that writes and
-// ships cache files, and the fixed campaign limits. Created by zem_register,
-// destroyed by zem_deregister.
+// ships cache files. The limits a campaign must keep are CampaignRules'.
+// Created by zem_register, destroyed by zem_deregister.
 //
 // Threads that call in:
 //  - application threads: Log/LogEvent/LogState (hot path, no lock), and
@@ -136,7 +136,7 @@ class zem_collector {
     }
     int Log(uint32_t id, const unsigned char* buf, uint32_t len);
 
-    // True when `def` lies within the collector's fixed limits.
+    // True when `def` lies within the campaign-wide limits (CampaignRules.h).
     bool validCfg(const LTCCampaignDef& def) const;
 
     const std::string& getName() const { return name; }
@@ -202,14 +202,6 @@ class zem_collector {
     // The thread inside a campaign change, so that a nested event can tell
     // its own change from another thread's.
     std::atomic<std::thread::id> campaignOwner{};
-
-    // Fixed campaign limits.
-    const uint32_t minTimeThreshold = 1;
-    const uint32_t maxTimeThreshold = 21600;
-    const uint32_t minSizeThreshold = 100;
-    const uint32_t maxSizeThreshold = 4194304;
-    const uint32_t maxKpiCount = 1024;
-    const uint32_t maxPayloadLength = 1048576;
 
     const std::string name;
     std::string secondString;

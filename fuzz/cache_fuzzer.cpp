@@ -20,6 +20,7 @@
 #include <fstream>
 #include <string>
 
+#include "collector/CampaignRules.h"
 #include "fuzz/FuzzSupport.h"
 #include "metric.pb.h"
 #include "serializer/KPISerializer.h"
@@ -28,8 +29,6 @@ namespace {
 
 constexpr int kMaxFiles = 6;
 constexpr int kMaxRecords = 64;
-constexpr uint32_t kMinSizeThreshold = 100;
-constexpr uint32_t kMaxSizeThreshold = 4194304;
 
 class Receiver : public zem_collector {
   public:
@@ -48,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     zem_fuzz::ByteReader in(data, size);
     const uint32_t sizeThreshold =
-            kMinSizeThreshold + in.u32() % (kMaxSizeThreshold - kMinSizeThreshold + 1);
+            zem::kSizeThreshold.min +
+            in.u32() % (zem::kSizeThreshold.max - zem::kSizeThreshold.min + 1);
     const int files = in.u8() % (kMaxFiles + 1);
     for (int i = 0; i < files; ++i) {
         const uint8_t kind = in.u8() % 3;

@@ -1,5 +1,6 @@
 #include "kpi/Blob.h"
 
+#include "collector/CampaignRules.h"
 #include "serializer/KPISerializer.h"
 
 // b_cfg() is the default instance (both thresholds 0) unless the
@@ -19,7 +20,7 @@ bool Blob::store(const unsigned char* buf, unsigned int len) {
 void Blob::closeIfFull(TimePoint now) {
     // AddSampleAt may have closed the window already (its own limit came
     // first), in which case nothing is stored any more.
-    if (storedBytes < kMaxWindowBytes) return;
+    if (storedBytes < zem::kBlobWindowBytes) return;
     Serialize();
     ResetAggregates();
     ResetWindow(now);
@@ -48,10 +49,7 @@ void Blob::ResetAggregates() {
 }
 
 bool Blob::validCfg() {
-    // The rate threshold's lower limit is 0, which every unsigned value meets.
-    const unsigned int size = blobCfg.singlesamplesizetresholdbytes();
-    return size >= kMinSingleSampleThreshold && size <= kMaxSingleSampleThreshold &&
-           blobCfg.sampleratethresholdpersec() <= kMaxRateThreshold;
+    return zem::kpiRefusal(cfg) == zem::KpiRefusal::kNone;
 }
 
 int Blob::Serialize() {

@@ -4,9 +4,10 @@
 // window closes, emits them joined end to end as one olvan::Blob record.
 // Buffers larger than the configured single-sample threshold are refused.
 // Every accepted buffer stays in memory until its window closes; a window
-// whose stored bytes reach kMaxWindowBytes closes at that sample, as if its
-// sample count had been reached, so one KPI holds at most
-// kMaxWindowBytes + kMaxSingleSampleThreshold - 1 bytes of samples.
+// whose stored bytes reach zem::kBlobWindowBytes closes at that sample, as if
+// its sample count had been reached, so one KPI holds at most
+// zem::kBlobWindowBytes + zem::kBlobSampleThreshold.max - 1 bytes of samples.
+// The limits of its configuration are CampaignRules'.
 //
 // Owned by the collector's KPI table; LogBuf runs on the logging thread and
 // takes no lock (one thread at a time per KPI, like every aggregator).
@@ -18,14 +19,6 @@
 
 class Blob : public KPI {
   public:
-    // Limits a configuration must respect, bounds included.
-    static constexpr unsigned int kMinSingleSampleThreshold = 4;
-    static constexpr unsigned int kMaxSingleSampleThreshold = 524288;
-    static constexpr unsigned int kMinRateThreshold = 0;
-    static constexpr unsigned int kMaxRateThreshold = 1000;
-    // Stored bytes at which a window closes whatever its own limit.
-    static constexpr size_t kMaxWindowBytes = 524288;
-
     Blob(const KPICfg& cfg, KPISerializer& serializer);
     ~Blob() override;
 
@@ -44,7 +37,7 @@ class Blob : public KPI {
 
   private:
     bool store(const unsigned char* buf, unsigned int len);
-    // Closes the window early once it holds kMaxWindowBytes; the next sample
+    // Closes the window early once it holds zem::kBlobWindowBytes; the next sample
     // opens a new one at `now`.
     void closeIfFull(TimePoint now);
 

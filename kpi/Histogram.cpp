@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "collector/CampaignRules.h"
 #include "serializer/KPISerializer.h"
 
 namespace {
@@ -47,7 +48,7 @@ Histogram::Histogram(const KPICfg& cfg, KPISerializer& serializer)
     // Without bounds the bin count would start at -1 and either wrap to
     // 2^32-1 bins or overflow fatally; refuse it here instead. A list past
     // the limit is refused too, so there is no point building its bins.
-    if (bounds.empty() || bounds.size() > kMaxBounds) return;
+    if (!zem::kHistogramBounds.holds(bounds.size())) return;
     numBins = static_cast<uint32_t>(bounds.size()) - 1;
     if (overflowEn) zem::checkedIncrement(numBins, "Histogram numBins");
     if (underflowEn) zem::checkedIncrement(numBins, "Histogram numBins");
@@ -159,7 +160,7 @@ void Histogram::ResetAggregates() {
 
 // An empty list is refused too: it got no bins at construction.
 bool Histogram::validCfg() {
-    return !bounds.empty() && bounds.size() <= kMaxBounds;
+    return zem::kpiRefusal(cfg) == zem::KpiRefusal::kNone;
 }
 
 int Histogram::Serialize() {

@@ -21,8 +21,6 @@
 
 class Histogram : public KPI {
   public:
-    // The most bucket bounds a configuration may list.
-    static constexpr uint32_t kMaxBounds = 1024;
     // findBucketId's answer for a value that belongs to no bin.
     static constexpr uint32_t kNoBin = 4294967295u;
 

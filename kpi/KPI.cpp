@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include "collector/CampaignRules.h"
 #include "common/ZemLog.h"
 #include "kpi/Blob.h"
 #include "kpi/Counter.h"
@@ -58,35 +59,29 @@ KPI::KPI(const KPICfg& cfg, KPISerializer& serializer)
 KPI::~KPI() = default;
 
 std::unique_ptr<KPI> KPI::Create(const KPICfg& cfg, KPISerializer& serializer) {
-    std::unique_ptr<KPI> kpi;
-    switch (cfg.type()) {
-        case KPI_NUMERIC:
-            switch (cfg.subtype()) {
-                case COUNTER:
-                    kpi = std::make_unique<Counter>(cfg, serializer);
-                    break;
-                case GAUGE:
-                    kpi = std::make_unique<Gauge>(cfg, serializer);
-                    break;
-                case HISTOGRAM:
-                    kpi = std::make_unique<Histogram>(cfg, serializer);
-                    break;
-                default:
-                    return nullptr;
-            }
-            break;
-        case KPI_STATE:
-            kpi = std::make_unique<StateMachine>(cfg, serializer);
-            break;
-        case KPI_BLOB:
-            kpi = std::make_unique<Blob>(cfg, serializer);
-            break;
-        default:
-            ZEM_LOGE("Unknown KPI Type: %d to create", static_cast<int>(cfg.type()));
-            return nullptr;
+    // The campaign rules decide, so that what a client refuses and what the
+    // tools report cannot differ; only an unknown type is logged here.
+    const zem::KpiRefusal refusal = zem::kpiRefusal(cfg);
+    if (refusal == zem::KpiRefusal::kUnknownType) {
+        ZEM_LOGE(zem::kUnknownKpiTypeFormat, static_cast<int>(cfg.type()));
     }
-    if (!kpi->validCfg()) return nullptr;
-    return kpi;
+    if (refusal != zem::KpiRefusal::kNone) return nullptr;
+    switch (cfg.type()) {
+        case KPI_STATE:
+            return std::make_unique<StateMachine>(cfg, serializer);
+        case KPI_BLOB:
+            return std::make_unique<Blob>(cfg, serializer);
+        default:  // numeric, the only other type the rules let through
+            break;
+    }
+    switch (cfg.subtype()) {
+        case COUNTER:
+            return std::make_unique<Counter>(cfg, serializer);
+        case GAUGE:
+            return std::make_unique<Gauge>(cfg, serializer);
+        default:  // histogram, the only other subtype the rules let through
+            return std::make_unique<Histogram>(cfg, serializer);
+    }
 }
 
 void KPI::closeWindow(TimePoint now) {

@@ -37,8 +37,9 @@ class KPI {
     KPI(const KPI&) = delete;
     KPI& operator=(const KPI&) = delete;
 
-    // Builds the aggregator for `cfg`, or returns null when the type or
-    // subtype has no aggregator or the class refuses the configuration.
+    // Builds the aggregator for `cfg`, or returns null when the campaign
+    // rules refuse it (zem::kpiRefusal): the type or subtype has no
+    // aggregator, or the configuration breaks a limit.
     static std::unique_ptr<KPI> Create(const KPICfg& cfg, KPISerializer& serializer);
 
     // Folds one value into the window's aggregate. 0 accepts the sample;
@@ -46,7 +47,8 @@ class KPI {
     virtual int Aggregate(unsigned int value) = 0;
     // Clears the aggregate for the next window.
     virtual void ResetAggregates() = 0;
-    // Whether `cfg` is acceptable for this class.
+    // Whether `cfg` is acceptable for this class, by the campaign rules that
+    // Create has already applied.
     virtual bool validCfg() = 0;
     // Emits the current window as one record, unless it is empty.
     virtual int Serialize() = 0;

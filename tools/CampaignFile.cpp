@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "collector/CampaignRules.h"
+
 namespace zemtools {
 
 namespace {
@@ -53,22 +55,10 @@ bool loadCampaignFile(const std::string& file, LTCCampaignDef* def, std::string*
     return loadTextFile(file, def, "campaign", error);
 }
 
-std::vector<std::string> campaignLimitProblems(const LTCCampaignDef& def) {
+std::vector<std::string> campaignRefusals(const LTCCampaignDef& def) {
     std::vector<std::string> out;
-    if (def.size_threshold() < 100 || def.size_threshold() > 4194304) {
-        out.push_back("size_threshold " + std::to_string(def.size_threshold()) +
-                      " is outside 100..4194304");
-    }
-    if (def.time_threshold() < 1 || def.time_threshold() > 21600) {
-        out.push_back("time_threshold " + std::to_string(def.time_threshold()) +
-                      " is outside 1..21600");
-    }
-    if (def.kpicfgs_size() > 1024) {
-        out.push_back(std::to_string(def.kpicfgs_size()) + " kpiCfgs, more than 1024");
-    }
-    if (def.cfg_payload().size() > 1048576) {
-        out.push_back("cfg_payload of " + std::to_string(def.cfg_payload().size()) +
-                      " bytes, more than 1048576");
+    for (const zem::CampaignProblem& problem : zem::campaignProblems(def)) {
+        out.insert(out.end(), problem.details.begin(), problem.details.end());
     }
     return out;
 }

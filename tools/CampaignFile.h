@@ -4,7 +4,7 @@
 //   LTCCampaignDef def;
 //   std::string error;
 //   if (!zemtools::loadCampaignFile("c.txtpb", &def, &error)) fputs(error.c_str(), stderr);
-//   for (const std::string& w : zemtools::campaignLimitProblems(def)) ...
+//   for (const std::string& w : zemtools::campaignRefusals(def)) ...
 //
 // Plain functions; no shared state.
 #pragma once
@@ -26,9 +26,9 @@ bool loadTextFile(const std::string& file, google::protobuf::Message* message, c
 // parser's as "FILE:LINE:COLUMN: message", each ending in a newline.
 bool loadCampaignFile(const std::string& file, LTCCampaignDef* def, std::string* error);
 
-// The campaign-wide limits a client enforces before it looks at any KPI
-// (thresholds, KPI count, payload size): one description per value out of
-// bounds, empty when the campaign passes.
-std::vector<std::string> campaignLimitProblems(const LTCCampaignDef& def);
+// Why a client refuses `def`, by the library's campaign rules: one line per
+// campaign-wide limit broken (thresholds, KPI count, payload size) and per
+// refused KPI, as in the client's detail lines; empty when it accepts.
+std::vector<std::string> campaignRefusals(const LTCCampaignDef& def);
 
 }  // namespace zemtools

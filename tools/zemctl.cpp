@@ -1,9 +1,7 @@
 // zemctl: controls a running zemd through its control socket, and checks
-// campaign files the way a client would. See usage().
-#include <fcntl.h>
+// campaign files by the library's campaign rules. See usage().
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -14,7 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "collector/zem_collector.h"
+#include "collector/CampaignRules.h"
+#include "common/ZemLog.h"
 #include "tools/CampaignFile.h"
 #include "tools/KPICatalog.h"
 
@@ -45,9 +44,12 @@ void usage(FILE* out) {
             "               name, version (major.minor, \"-\" over binder), transport, token\n"
             "  end          end every gRPC command stream (those clients re-register)\n"
             "  quit         stop zemd\n"
-            "  check FILE   start FILE on an in-process client, without any daemon, and\n"
-            "               report what a client would refuse (its log lines) and what it\n"
-            "               would accept but probably not as meant (warnings)\n"
+            "  check FILE   report, without any daemon, what a client would refuse in FILE\n"
+            "               (every line it would log, each followed by the field, its value\n"
+            "               and the allowed range) and what it would accept but probably\n"
+            "               not as meant (warnings)\n"
+            "  limits       list the limits a campaign must keep, one per line, tab-separated:\n"
+            "               field, least and most allowed (inclusive)\n"
             "\n"
             "options:\n"
             "  --socket PATH          zemd's service socket (default %s);\n"
@@ -55,7 +57,7 @@ void usage(FILE* out) {
             "  --control-socket PATH  zemd's control socket, when zemd was given one\n"
             "  --catalog FILE         name KPIs in check's warnings by this KPI catalog\n"
             "  -v, --verbose          also print what zemd did (how many clients got a\n"
-            "                         command) and, for check, every library log line\n"
+            "                         command)\n"
             "  -h, --help             this text\n"
             "\n"
             "Nothing is printed on success except the answer of clients. Exit status:\n"
@@ -172,78 +174,37 @@ std::vector<std::string> campaignWarnings(const LTCCampaignDef& def,
     return out;
 }
 
-// Starts the campaign in `file` on an in-process collector that has no
-// transport, with the library's log captured. Returns the exit status.
-int check(const std::string& file, bool verbose, const zemtools::KPICatalog& catalog) {
+// Reports what a client refuses in the campaign in `file`, as the lines it
+// would log, and the warnings. Returns the exit status.
+int check(const std::string& file, const zemtools::KPICatalog& catalog) {
     LTCCampaignDef def;
     std::string error;
     if (!zemtools::loadCampaignFile(file, &def, &error)) {
         fprintf(stderr, "zemctl: %s", error.c_str());
         return kExitFailed;
     }
-    const char* base = getenv("TMPDIR");
-    std::string dir = std::string(base && *base ? base : "/tmp") + "/zemctl-check.XXXXXX";
-    if (mkdtemp(&dir[0]) == nullptr) {
-        fprintf(stderr, "zemctl: cannot create a scratch folder %s: %s\n", dir.c_str(),
-                strerror(errno));
-        return kExitFailed;
-    }
-    std::string logPath = dir + "/log";
-    const int logFd = open(logPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    const std::string cache = dir + "/cache";
-    mkdir(cache.c_str(), 0700);
-
-    std::string bytes;
-    def.SerializeToString(&bytes);
-    int rc = -1;
-    {
-        // The library logs to standard error on a host; catch it.
-        fflush(stderr);
-        const int savedErr = dup(2);
-        if (logFd >= 0) dup2(logFd, 2);
-        zem_cfg_s cfg{};
-        cfg.name = "check";
-        cfg.cache_dir = cache.c_str();
-        cfg.transport = 0;  // no transport: nothing is sent anywhere
-        {
-            zem_collector collector(cfg);
-            rc = collector.StartCampaign(bytes);
-        }
-        fflush(stderr);
-        dup2(savedErr, 2);
-        close(savedErr);
-    }
-    std::string log;
-    if (logFd >= 0) {
-        lseek(logFd, 0, SEEK_SET);
-        char buf[4096];
-        ssize_t n;
-        while ((n = read(logFd, buf, sizeof buf)) > 0) log.append(buf, static_cast<size_t>(n));
-        close(logFd);
-    }
-    // Remove the scratch folder and whatever the serializer left in it.
-    const std::string rm = "rm -rf '" + dir + "'";
-    if (dir.find('\'') == std::string::npos && system(rm.c_str()) != 0) {
-        fprintf(stderr, "zemctl: could not remove %s\n", dir.c_str());
-    }
-
-    // Library lines look like "zem_sdk E <date> <pid> <tid> message".
-    size_t pos = 0;
-    while (pos < log.size()) {
-        size_t end = log.find('\n', pos);
-        if (end == std::string::npos) end = log.size();
-        const std::string line = log.substr(pos, end - pos);
-        pos = end + 1;
-        const bool isError = line.find(" E ") != std::string::npos;
-        if (verbose || isError) fprintf(stderr, "%s\n", line.c_str());
+    // Through the library's log, which a host prints to standard error, so
+    // the lines read as a client named "check" would log them.
+    const std::vector<zem::CampaignProblem> problems = zem::campaignProblems(def);
+    for (const zem::CampaignProblem& problem : problems) {
+        if (!problem.factoryLine.empty()) ZEM_LOGE("%s", problem.factoryLine.c_str());
+        zem::logCollectorLines(problem, "check");
     }
     for (const std::string& w : campaignWarnings(def, catalog)) {
         fprintf(stderr, "zemctl: %s: warning: %s\n", file.c_str(), w.c_str());
     }
-    if (rc != 0) {
-        fprintf(stderr, "zemctl: %s: a client refuses this campaign (StartCampaign returns %d)\n",
-                file.c_str(), rc);
+    if (!problems.empty()) {
+        fprintf(stderr, "zemctl: %s: a client refuses this campaign (StartCampaign returns -1)\n",
+                file.c_str());
         return kExitFailed;
+    }
+    return kExitOk;
+}
+
+// Prints every limit of the campaign rules: field, least and most allowed.
+int limits() {
+    for (const zem::Limit* limit : zem::kAllLimits) {
+        printf("%s\t%u\t%u\n", limit->field, limit->min, limit->max);
     }
     return kExitOk;
 }
@@ -295,8 +256,8 @@ int main(int argc, char** argv) {
     const std::string& command = words[0];
     const bool takesFile = command == "push" || command == "check";
     static const std::set<std::string> kPlain = {
-            "start", "stop", "clients",        "end", "start-collection",
-            "empty", "quit", "stop-collection"};
+            "start", "stop", "clients",         "end",   "start-collection",
+            "empty", "quit", "stop-collection", "limits"};
     if (!takesFile && kPlain.count(command) == 0) {
         fprintf(stderr, "zemctl: unknown command '%s' (see zemctl --help)\n", command.c_str());
         return kExitUsage;
@@ -308,7 +269,8 @@ int main(int argc, char** argv) {
                 command.c_str());
         return kExitUsage;
     }
-    if (command == "check") return check(words[1], verbose, catalog);
+    if (command == "check") return check(words[1], catalog);
+    if (command == "limits") return limits();
 
     std::string line = command;
     if (command == "push") {

@@ -116,8 +116,8 @@ bool loadCampaign(const std::string& file, LTCCampaignDef* def) {
         fprintf(stderr, "zemd: bad campaign file:\n%s", error.c_str());
         return false;
     }
-    // Clients refuse campaigns outside their fixed limits; say so early.
-    for (const std::string& problem : zemtools::campaignLimitProblems(*def)) {
+    // Clients refuse campaigns that break their rules; say so early.
+    for (const std::string& problem : zemtools::campaignRefusals(*def)) {
         fprintf(stderr, "zemd: warning: %s: %s; clients will refuse this campaign\n", file.c_str(),
                 problem.c_str());
     }
@@ -239,7 +239,7 @@ ControlReply runControl(ZemDaemon* daemon, const std::string& line) {
             reply.ok = false;
             return reply;
         }
-        for (const std::string& problem : zemtools::campaignLimitProblems(def)) {
+        for (const std::string& problem : zemtools::campaignRefusals(def)) {
             reply.err.push_back("warning: " + problem + "; clients will refuse this campaign");
         }
         daemon->setCampaign(def);

@@ -15,6 +15,10 @@
 #                           on PATH
 #   ```c compile            a C file compiled and linked against the library
 # Every document must hold at least one such block.
+#
+# Table rows whose first cell starts with a `field` and whose second reads
+# "MIN to MAX" are limits: together they must be exactly what `zemctl limits`
+# prints from the library's campaign rules.
 set -uo pipefail
 tools=$1 sample=$2 src=$3 lib=$4
 shift 4
@@ -119,5 +123,21 @@ for doc in "$@"; do
         esac
     done <"$blocks/index"
 done
+# The documented limits against the library's.
+awk -F'|' '/^\| *`/ {
+    if (!match($2, /`[^`]+`/)) next
+    field = substr($2, RSTART + 1, RLENGTH - 2); range = $3
+    gsub(/^ +| +$/, "", range)
+    if (range ~ /^[0-9]+ to [0-9]+$/) { split(range, r, " to "); print field "\t" r[1] "\t" r[2] }
+}' "$@" | sort >"$work/doc-limits"
+if ! zemctl limits 2>&1 | sort >"$work/limits"; then
+    fail "zemctl limits fails" "$(cat "$work/limits")"
+elif ! diff "$work/doc-limits" "$work/limits" >"$work/limits.diff"; then
+    fail "the documented limits differ from the library's (< documented, > zemctl limits)" \
+        "$(cat "$work/limits.diff")"
+else
+    passed=$((passed + 1))
+fi
+
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

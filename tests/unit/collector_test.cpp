@@ -239,16 +239,63 @@ TEST_F(CollectorTest, DispatchChecksIdAndTypeWithTheirOwnCodes) {
     zem_deregister(h);
 }
 
-TEST_F(CollectorTest, CampaignLimitsAreInclusiveAndCheckedInOrder) {
+TEST_F(CollectorTest, CampaignLimitsAndKpiRefusalsAreLoggedWithTheFieldAndWhy) {
     zem_handle h = registered();
+    const std::string invalid = "cam: invalid campaign config";
+    // What a campaign beyond its limits logs: the refusal, then each field.
+    auto broken = [&](std::initializer_list<std::string> fields) {
+        std::vector<std::string> lines = {invalid};
+        for (const std::string& f : fields) lines.push_back("cam: campaign field " + f);
+        return lines;
+    };
+    // What a refused KPI logs: KPI::Create's own line when it has one, then
+    // the collector's two.
+    auto refused = [](int id, const std::string& why, const std::string& factoryLine = "") {
+        const std::string n = std::to_string(id);
+        std::vector<std::string> lines = {
+                "cam: error: could not create KPI id: " + n + " from KPICfg",
+                "cam: KPI id " + n + " refused: " + why};
+        if (!factoryLine.empty()) lines.insert(lines.begin(), factoryLine);
+        return lines;
+    };
     struct Case {
         uint32_t size, time, kpis, payload;
-        bool ok;
-    } cases[] = {
-            {100, 1, 0, 0, true},       {4194304, 21600, 1024, 1048576, true},
-            {99, 60, 0, 0, false},      {4194305, 60, 0, 0, false},
-            {4096, 0, 0, 0, false},     {4096, 21601, 0, 0, false},
-            {4096, 60, 1025, 0, false}, {4096, 60, 0, 1048577, false},
+        std::string kpi;  // one more KPICfg, in text format
+        // The ERROR lines of StartCampaign; none when the campaign passes.
+        std::vector<std::string> errors;
+    } const cases[] = {
+            {100, 1, 0, 0, "", {}},
+            {4194304, 21600, 1024, 1048576, "", {}},
+            {99, 60, 0, 0, "", broken({"size_threshold=99 outside [100, 4194304]"})},
+            {4194305, 60, 0, 0, "", broken({"size_threshold=4194305 outside [100, 4194304]"})},
+            {4096, 0, 0, 0, "", broken({"time_threshold=0 outside [1, 21600]"})},
+            {4096, 21601, 0, 0, "", broken({"time_threshold=21601 outside [1, 21600]"})},
+            {4096, 60, 1025, 0, "", broken({"kpiCfgs count=1025 outside [0, 1024]"})},
+            {4096, 60, 0, 1048577, "", broken({"cfg_payload length=1048577 outside [0, 1048576]"})},
+            // Every limit broken is named, in the order they are checked, and
+            // no KPI is looked at.
+            {0, 0, 0, 0, "id: 1 type: KPI_EVENT",
+             broken({"size_threshold=0 outside [100, 4194304]",
+                     "time_threshold=0 outside [1, 21600]"})},
+            {4096, 60, 0, 0, "id: 2 type: KPI_EVENT",
+             refused(2,
+                     "type KPI_EVENT has no aggregator (KPI_NUMERIC, KPI_STATE and KPI_BLOB have "
+                     "one)",
+                     "Unknown KPI Type: 201326592 to create")},
+            {4096, 60, 0, 0, "id: 3 type: KPI_NUMERIC subType: 9",
+             refused(3,
+                     "subType 9 of a KPI_NUMERIC has no aggregator (COUNTER, GAUGE and HISTOGRAM "
+                     "have one)")},
+            {4096, 60, 0, 0, "id: 4 type: KPI_NUMERIC subType: HISTOGRAM",
+             refused(4, "h_cfg.bucket_bounds count=0 outside [1, 1024]")},
+            {4096, 60, 0, 0, "id: 5 type: KPI_BLOB nof_samples: 1",
+             refused(5, "a KPI_BLOB needs b_cfg")},
+            {4096, 60, 0, 0, "id: 6 type: KPI_BLOB b_cfg { singleSampleSizeTresholdBytes: 524289 }",
+             refused(6, "b_cfg.singleSampleSizeTresholdBytes=524289 outside [4, 524288]")},
+            {4096, 60, 0, 0,
+             "id: 7 type: KPI_BLOB b_cfg { singleSampleSizeTresholdBytes: 4 "
+             "sampleRateThresholdPerSec: 1001 }",
+             refused(7, "b_cfg.sampleRateThresholdPerSec=1001 outside [0, 1000]")},
     };
     for (const Case& c : cases) {
         LTCCampaignDef def;
@@ -256,11 +303,15 @@ TEST_F(CollectorTest, CampaignLimitsAreInclusiveAndCheckedInOrder) {
         def.set_time_threshold(c.time);
         for (uint32_t i = 0; i < c.kpis; ++i) *def.add_kpicfgs() = counterCfg(i, 1);
         def.set_cfg_payload(std::string(c.payload, 'p'));
-        EXPECT_EQ(c.ok, h->validCfg(def)) << c.size << " " << c.time << " " << c.kpis;
-        if (!c.ok) {
+        if (!c.kpi.empty()) {
+            ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(c.kpi, def.add_kpicfgs()));
+        }
+        const bool limitsHold = c.errors.empty() || c.errors[0] != invalid;
+        EXPECT_EQ(limitsHold, h->validCfg(def)) << c.size << " " << c.time << " " << c.kpis;
+        if (!c.errors.empty()) {
             LogCapture cap;
             EXPECT_EQ(-1, h->StartCampaign(def.SerializeAsString()));
-            EXPECT_EQ(1, countLogLines(cap.text(), 'E', "cam: invalid campaign config"));
+            EXPECT_EQ(c.errors, zem_test::logMessages(cap.text(), 'E')) << c.kpi;
         }
     }
     EXPECT_TRUE(h->kpiTable().empty());
