@@ -10,36 +10,6 @@ using android::binder::Status;
 
 const String16& IZEMCallback::descriptor = *new String16("IZEMCallback");
 
-namespace {
-std::unique_ptr<IZEMCallback> gCallbackDefaultImpl;
-}  // namespace
-
-IZEMCallback::IZEMCallback() {}
-IZEMCallback::~IZEMCallback() {}
-
-const String16& IZEMCallback::getInterfaceDescriptor() const {
-    return descriptor;
-}
-
-sp<IZEMCallback> IZEMCallback::asInterface(const sp<IBinder>& obj) {
-    sp<IZEMCallback> intr;
-    if (obj != nullptr) {
-        intr = static_cast<IZEMCallback*>(obj->queryLocalInterface(descriptor).get());
-        if (intr == nullptr) intr = new BpZEMCallback(obj);
-    }
-    return intr;
-}
-
-bool IZEMCallback::setDefaultImpl(std::unique_ptr<IZEMCallback> impl) {
-    if (!impl) return false;
-    gCallbackDefaultImpl = std::move(impl);
-    return true;
-}
-
-const std::unique_ptr<IZEMCallback>& IZEMCallback::getDefaultImpl() {
-    return gCallbackDefaultImpl;
-}
-
 BpZEMCallback::BpZEMCallback(const sp<IBinder>& impl) : BpInterface<IZEMCallback>(impl) {}
 
 Status BpZEMCallback::onCampaignEvent(int32_t eventType, int64_t campaignId,
@@ -63,13 +33,7 @@ Status BpZEMCallback::onCampaignEvent(int32_t eventType, int64_t campaignId,
     }
     if (err != OK) return Status::fromStatusT(err);
 
-    Status status;
-    err = status.readFromParcel(reply);
-    if (err != OK) return Status::fromStatusT(err);
-    if (!status.isOk()) return status;
-    err = reply.readInt32(result);
-    if (err != OK) return Status::fromStatusT(err);
-    return status;
+    return zem_binder::readReply(reply, [&] { return reply.readInt32(result); });
 }
 
 status_t BnZEMCallback::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
@@ -93,7 +57,5 @@ status_t BnZEMCallback::onTransact(uint32_t code, const Parcel& data, Parcel* re
     int32_t result = 0;
     const Status status =
             onCampaignEvent(eventType, campaignId, campaignConfig, eventArg, token, &result);
-    err = status.writeToParcel(reply);
-    if (err != OK || !status.isOk()) return err;
-    return reply->writeInt32(result);
+    return zem_binder::writeReply(reply, status, [&] { return reply->writeInt32(result); });
 }

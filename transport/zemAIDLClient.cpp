@@ -107,6 +107,9 @@ bool zemAIDLClient::setZEMBinder() {
     const android::status_t linked = binder->linkToDeath(recipient, nullptr, 0);
     ZEM_LOGI("%s: linkToDeath status: %d", kOp, linked);
 
+    // Made directly rather than through asInterface: the service lives in
+    // the daemon's process, never in this one, so there is no local object
+    // to look for.
     sp<IZEMManager> made = new BpZEMManager(binder);
     zem::MutexLock lock(&stateMutex);
     manager = made;
