@@ -5,6 +5,11 @@
 
 #include <climits>
 #include <cstdint>
+#include <cstdio>
+#include <sstream>
+#include <utility>
+
+#include "serializer/CacheFile.h"
 
 namespace zem {
 namespace internal {
@@ -73,6 +78,22 @@ bool CacheFileParts::next(std::string* part) {
         used += len;
     }
     pending.erase(0, used);
+    return true;
+}
+
+bool deliverInParts(const std::string& path, size_t maxPartBytes,
+                    const std::function<bool(std::string& part)>& sendPart) {
+    std::string content;
+    if (!readForDelivery(path, &content)) return false;
+    std::istringstream in(std::move(content));
+    CacheFileParts parts(in, maxPartBytes);
+    std::string part;
+    while (parts.next(&part)) {
+        // A failure keeps the file whole; parts already sent come again with it.
+        if (!sendPart(part)) return false;
+    }
+    // The transport succeeded: the daemon holds the bytes, whatever it answered.
+    remove(path.c_str());
     return true;
 }
 

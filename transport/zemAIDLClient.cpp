@@ -6,16 +6,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <utility>
 
 #include "collector/zem_collector.h"
 #include "common/DaemonCall.h"
 #include "common/ZemLog.h"
-#include "serializer/CacheFile.h"
 #include "transport/CacheFileParts.h"
 
 using android::defaultServiceManager;
@@ -215,31 +210,25 @@ int32_t zemAIDLClient::sendData(const std::string& filename, const std::string& 
     }
     zem::MutexLock calls(&mutex);
     // A file that fits goes in one transaction, as it is; a larger one in
-    // parts, each a cache file image of its own. A missing file is sent
-    // empty.
-    std::string content;
-    if (!zem::readForDelivery(filename, &content)) return -1;
-    std::istringstream in(std::move(content));
-    zem::internal::CacheFileParts parts(in, kMaxSendBytes);
-    std::string part;
-    while (parts.next(&part)) {
-        const std::vector<uint8_t> bytes(part.begin(), part.end());
-        ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(bytes.size()));
-        bool ok = false;
-        Status status;
-        {
-            zem::DaemonCall waiting;
-            status = m->sendData(bytes, token, &ok);
-        }
-        if (!status.isOk()) {
-            // The file stays whole; parts already sent come again with it.
-            ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
-            dropIfDead(m, status);
-            return -1;
-        }
-    }
-    remove(filename.c_str());
-    return 0;
+    // parts, each a cache file image of its own.
+    const bool delivered =
+            zem::internal::deliverInParts(filename, kMaxSendBytes, [&](const std::string& part) {
+                const std::vector<uint8_t> bytes(part.begin(), part.end());
+                ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(bytes.size()));
+                bool ok = false;
+                Status status;
+                {
+                    zem::DaemonCall waiting;
+                    status = m->sendData(bytes, token, &ok);
+                }
+                if (!status.isOk()) {
+                    ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
+                    dropIfDead(m, status);
+                    return false;
+                }
+                return true;
+            });
+    return delivered ? 0 : -1;
 }
 
 int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
