@@ -103,6 +103,34 @@ android::binder::Status readReply(const android::Parcel& reply, ReadOut&& readOu
     return status;
 }
 
+// One proxy call of interface I to `remote`, on transaction `code` with
+// `flags`: the request holds I's interface token and whatever
+// writeArgs(Parcel&) writes (the first failed write is the result). When the
+// remote answers UNKNOWN_TRANSACTION and I has a default implementation, the
+// result is fallback(I&) on it; any other transport error is the result. A
+// one-way call ends there; a two-way call reads its reply with readReply and
+// readOut(const Parcel&).
+template <typename I, typename WriteArgs, typename Fallback, typename ReadOut>
+android::binder::Status proxyCall(const android::sp<android::IBinder>& remote, uint32_t code,
+                                  uint32_t flags, WriteArgs&& writeArgs, Fallback&& fallback,
+                                  ReadOut&& readOut) {
+    android::Parcel data;
+    android::Parcel reply;
+    markForBinder(data, remote);
+    android::status_t err = data.writeInterfaceToken(I::descriptor);
+    if (err == android::OK) err = writeArgs(data);
+    if (err != android::OK) return android::binder::Status::fromStatusT(err);
+
+    err = remote->transact(code, data, &reply, flags);
+    if (err == android::UNKNOWN_TRANSACTION && I::getDefaultImpl()) {
+        return fallback(*I::getDefaultImpl());
+    }
+    if (err != android::OK || (flags & android::IBinder::FLAG_ONEWAY) != 0) {
+        return android::binder::Status::fromStatusT(err);
+    }
+    return readReply(reply, [&] { return readOut(reply); });
+}
+
 // Writes a stub's answer: the operation's status and, for an ok status, the
 // out value through `writeOut` (returning a status_t). Returns the
 // transaction's result.

@@ -15,25 +15,21 @@ BpZEMCallback::BpZEMCallback(const sp<IBinder>& impl) : BpInterface<IZEMCallback
 Status BpZEMCallback::onCampaignEvent(int32_t eventType, int64_t campaignId,
                                       const std::vector<uint8_t>& campaignConfig, int32_t eventArg,
                                       const std::string& token, int32_t* result) {
-    Parcel data;
-    Parcel reply;
-    zem_binder::markForBinder(data, sp<IBinder>(remote()));
-    status_t err = data.writeInterfaceToken(getInterfaceDescriptor());
-    if (err == OK) err = data.writeInt32(eventType);
-    if (err == OK) err = data.writeInt64(campaignId);
-    if (err == OK) err = data.writeByteVector(campaignConfig);
-    if (err == OK) err = data.writeInt32(eventArg);
-    if (err == OK) err = data.writeUtf8AsUtf16(token);
-    if (err != OK) return Status::fromStatusT(err);
-
-    err = remote()->transact(ONCAMPAIGNEVENT, data, &reply, 0);
-    if (err == android::UNKNOWN_TRANSACTION && getDefaultImpl()) {
-        return getDefaultImpl()->onCampaignEvent(eventType, campaignId, campaignConfig, eventArg,
-                                                 token, result);
-    }
-    if (err != OK) return Status::fromStatusT(err);
-
-    return zem_binder::readReply(reply, [&] { return reply.readInt32(result); });
+    return zem_binder::proxyCall<IZEMCallback>(
+            remote(), ONCAMPAIGNEVENT, 0,
+            [&](Parcel& data) {
+                status_t err = data.writeInt32(eventType);
+                if (err == OK) err = data.writeInt64(campaignId);
+                if (err == OK) err = data.writeByteVector(campaignConfig);
+                if (err == OK) err = data.writeInt32(eventArg);
+                if (err == OK) err = data.writeUtf8AsUtf16(token);
+                return err;
+            },
+            [&](IZEMCallback& impl) {
+                return impl.onCampaignEvent(eventType, campaignId, campaignConfig, eventArg, token,
+                                            result);
+            },
+            [&](const Parcel& reply) { return reply.readInt32(result); });
 }
 
 status_t BnZEMCallback::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
