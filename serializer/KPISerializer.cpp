@@ -17,6 +17,7 @@
 
 #include "collector/zem_collector.h"
 #include "common/ZemLog.h"
+#include "kpi/KPI.h"
 #include "serializer/CacheFile.h"
 
 namespace {
@@ -54,8 +55,7 @@ KPISerializer::~KPISerializer() {
 }
 
 int64_t KPISerializer::currTs() {
-    using namespace std::chrono;
-    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count() / 1000000;
+    return curr_ts();
 }
 
 std::string KPISerializer::GetCurrFileName() {

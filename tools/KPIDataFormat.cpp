@@ -1,6 +1,5 @@
 #include "tools/KPIDataFormat.h"
 
-#include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/wire_format_lite.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include <limits>
 #include <tuple>
 
+#include "serializer/CacheFileField.h"
 #include "tools/JsonCheck.h"
 #include "tools/KPICatalog.h"
 #include "tools/WallClock.h"
@@ -189,22 +189,17 @@ std::vector<std::string> formatWindows(const olvan::KPIData& data, bool json,
 namespace {
 
 using google::protobuf::internal::WireFormatLite;
-using google::protobuf::io::CodedInputStream;
 
 // The window fields of KPIData (counters, gauges, histograms, blobs) are
 // numbers 2 to 5, in formatWindows' order of kinds.
 constexpr int kCounters = 2, kBlobs = 5;
 
 // The top-level field that starts at `pos`: its tag and where it ends. False
-// when the bytes there do not have a field's shape. The shape is read
-// leniently; whether the field is valid is for the protobuf parser to say.
+// when the bytes there do not have a field's shape.
 bool fieldAt(const std::string& bytes, size_t pos, uint32_t* tag, size_t* end) {
-    CodedInputStream in(reinterpret_cast<const uint8_t*>(bytes.data()) + pos,
-                        static_cast<int>(bytes.size() - pos));
-    *tag = in.ReadTag();
-    if (*tag == 0 || !WireFormatLite::SkipField(&in, *tag)) return false;
-    *end = pos + static_cast<size_t>(in.CurrentPosition());
-    return true;
+    const size_t len = zem::cacheFileField(bytes.data() + pos, bytes.size() - pos, tag);
+    *end = pos + len;
+    return len != 0;
 }
 
 bool isWindowField(uint32_t tag) {

@@ -324,9 +324,52 @@ void ZemDaemon::shutdown() {
     cv.notify_all();
 }
 
-grpc::Status ZemDaemon::CommandStream(
-        grpc::ServerContext* context,
-        grpc::ServerReaderWriter<olvan::CommandRequest, olvan::CommandResponse>* stream) {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// One stream's --stop-after timer: each campaign start written arms it, each
+// stop written disarms it.
+class StopTimer {
+  public:
+    explicit StopTimer(double seconds) : seconds(seconds) {}
+
+    // Follows the command just written.
+    void wrote(const olvan::CommandRequest& c) {
+        if (c.has_startcampaign() && seconds > 0) {
+            due = true;
+            at = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(seconds));
+        }
+        if (c.has_stopcampaign()) due = false;
+    }
+
+    // True once the stop is due; the timer is then disarmed.
+    bool fire() {
+        if (!due || Clock::now() < at) return false;
+        due = false;
+        return true;
+    }
+
+    // Waits on `cv` for news, at most one poll interval and not past the
+    // stop.
+    void wait(std::condition_variable& cv, std::unique_lock<std::mutex>& lock) const {
+        if (due) {
+            cv.wait_until(lock, std::min(at, Clock::now() + zemfault::streamPoll()));
+        } else {
+            cv.wait_for(lock, zemfault::streamPoll());
+        }
+    }
+
+  private:
+    const double seconds;
+    bool due = false;
+    Clock::time_point at;
+};
+
+}  // namespace
+
+grpc::Status ZemDaemon::CommandStream(grpc::ServerContext* context, CommandStreamIO* stream) {
     auto rec = std::make_shared<StreamRecord>();
     rec->token = metadata(context, "clientid");
     const std::string name = clientName(rec->token);
@@ -342,9 +385,26 @@ grpc::Status ZemDaemon::CommandStream(
         emit("stream", f, "open clientid=" + rec->token + " (" + name + ")");
     }
 
-    // Responses are read on a thread of their own so that this handler stays
-    // free to write commands when they are due.
-    std::thread reader([this, stream, rec, name] {
+    std::thread reader = readResponses(stream, rec, name);
+    std::unique_lock<std::mutex> lock(mutex);
+    const char* reason = serveStream(stream, *rec, name, lock);
+    const bool readerDone = rec->readerDone;
+    streams.remove(rec);
+    lock.unlock();
+
+    // The reader may still wait for a response; cancelling ends its Read.
+    if (!readerDone) context->TryCancel();
+    reader.join();
+
+    JsonObject f;
+    f.add("state", "closed").add("clientid", rec->token).add("name", name).add("reason", reason);
+    emit("stream", f, "closed clientid=" + rec->token + " (" + name + "): " + reason);
+    return grpc::Status::OK;
+}
+
+std::thread ZemDaemon::readResponses(CommandStreamIO* stream, std::shared_ptr<StreamRecord> rec,
+                                     const std::string& name) {
+    return std::thread([this, stream, rec, name] {
         olvan::CommandResponse response;
         while (stream->Read(&response)) {
             JsonObject f;
@@ -360,77 +420,50 @@ grpc::Status ZemDaemon::CommandStream(
         rec->readerDone = true;
         cv.notify_all();
     });
+}
 
-    using Clock = std::chrono::steady_clock;
-    bool stopDue = false;
-    Clock::time_point stopAt;
-    const char* reason = "client closed the stream";
-    std::unique_lock<std::mutex> lock(mutex);
+const char* ZemDaemon::serveStream(CommandStreamIO* stream, StreamRecord& rec,
+                                   const std::string& name, std::unique_lock<std::mutex>& lock) {
+    StopTimer stop(options.stopAfter);
     for (;;) {
-        if (rec->readerDone) break;
-        if (stopping) {
-            reason = "daemon shutting down";
-            break;
-        }
-        if (rec->endRequested) {
-            reason = "ended by the daemon";
-            break;
-        }
-        if (!rec->outbox.empty()) {
-            olvan::CommandRequest c = std::move(rec->outbox.front());
-            rec->outbox.pop_front();
+        if (rec.readerDone) return "client closed the stream";
+        if (stopping) return "daemon shutting down";
+        if (rec.endRequested) return "ended by the daemon";
+        if (!rec.outbox.empty()) {
+            olvan::CommandRequest c = std::move(rec.outbox.front());
+            rec.outbox.pop_front();
             c.set_seq_no(nextSeq++);
             lock.unlock();
-            const bool ok = stream->Write(c);
-            JsonObject f;
-            f.add("clientid", rec->token)
-                    .add("name", name)
-                    .add("command", commandName(c))
-                    .add("seq_no", uint64_t{c.seq_no()})
-                    .add("written", ok);
-            std::string text =
-                    "-> " + name + " " + commandName(c) + " seq_no=" + std::to_string(c.seq_no());
-            if (c.has_startcampaign()) {
-                LTCCampaignDef sent;
-                sent.ParseFromString(c.startcampaign().campaignconfig());
-                text += " (" + std::to_string(sent.kpicfgs_size()) + " KPIs, payload " +
-                        std::to_string(sent.cfg_payload().size()) + " bytes)";
-            }
-            emit("command", f, text + (ok ? "" : " [write failed]"));
+            const bool written = stream->Write(c);
+            printCommand(rec, name, c, written);
             lock.lock();
-            if (c.has_startcampaign() && options.stopAfter > 0) {
-                stopDue = true;
-                stopAt = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                                std::chrono::duration<double>(options.stopAfter));
-            }
-            if (c.has_stopcampaign()) stopDue = false;
+            stop.wrote(c);
             continue;
         }
-        if (stopDue && Clock::now() >= stopAt) {
-            stopDue = false;
-            rec->outbox.push_back(makeCommand(Command::kStopCampaign));
+        if (stop.fire()) {
+            rec.outbox.push_back(makeCommand(Command::kStopCampaign));
             continue;
         }
-        if (zemfault::dropStreamNow()) {
-            reason = "dropped by --fault drop-streams";
-            break;
-        }
-        if (stopDue) {
-            cv.wait_until(lock, std::min(stopAt, Clock::now() + zemfault::streamPoll()));
-        } else {
-            cv.wait_for(lock, zemfault::streamPoll());
-        }
+        if (zemfault::dropStreamNow()) return "dropped by --fault drop-streams";
+        stop.wait(cv, lock);
     }
-    const bool readerDone = rec->readerDone;
-    streams.remove(rec);
-    lock.unlock();
+}
 
-    // The reader may still wait for a response; cancelling ends its Read.
-    if (!readerDone) context->TryCancel();
-    reader.join();
-
+void ZemDaemon::printCommand(const StreamRecord& rec, const std::string& name,
+                             const olvan::CommandRequest& c, bool written) {
     JsonObject f;
-    f.add("state", "closed").add("clientid", rec->token).add("name", name).add("reason", reason);
-    emit("stream", f, "closed clientid=" + rec->token + " (" + name + "): " + reason);
-    return grpc::Status::OK;
+    f.add("clientid", rec.token)
+            .add("name", name)
+            .add("command", commandName(c))
+            .add("seq_no", uint64_t{c.seq_no()})
+            .add("written", written);
+    std::string text =
+            "-> " + name + " " + commandName(c) + " seq_no=" + std::to_string(c.seq_no());
+    if (c.has_startcampaign()) {
+        LTCCampaignDef sent;
+        sent.ParseFromString(c.startcampaign().campaignconfig());
+        text += " (" + std::to_string(sent.kpicfgs_size()) + " KPIs, payload " +
+                std::to_string(sent.cfg_payload().size()) + " bytes)";
+    }
+    emit("command", f, text + (written ? "" : " [write failed]"));
 }

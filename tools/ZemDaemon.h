@@ -26,6 +26,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kpi.pb.h"
@@ -64,9 +65,8 @@ class ZemDaemon final : public olvan::SPC::Service {
                             olvan::Response* response) override;
     grpc::Status SendData(grpc::ServerContext* context, const olvan::Data* request,
                           olvan::Response* response) override;
-    grpc::Status CommandStream(grpc::ServerContext* context,
-                               grpc::ServerReaderWriter<olvan::CommandRequest,
-                                                        olvan::CommandResponse>* stream) override;
+    using CommandStreamIO = grpc::ServerReaderWriter<olvan::CommandRequest, olvan::CommandResponse>;
+    grpc::Status CommandStream(grpc::ServerContext* context, CommandStreamIO* stream) override;
 
     // Commands the control interface can send to every open stream.
     enum class Command { kStartCampaign, kStopCampaign, kStartCollection, kStopCollection, kEmpty };
@@ -133,6 +133,19 @@ class ZemDaemon final : public olvan::SPC::Service {
         bool endRequested = false;
         bool readerDone = false;
     };
+
+    // The steps of one command stream's handler. readResponses starts the
+    // thread that prints the client's responses until the stream ends.
+    // serveStream, entered and left with `lock` on `mutex`, writes the
+    // stream's commands as they come due (the --stop-after stop included)
+    // until the stream is to end, and returns why. printCommand prints one
+    // command written.
+    std::thread readResponses(CommandStreamIO* stream, std::shared_ptr<StreamRecord> rec,
+                              const std::string& name);
+    const char* serveStream(CommandStreamIO* stream, StreamRecord& rec, const std::string& name,
+                            std::unique_lock<std::mutex>& lock);
+    void printCommand(const StreamRecord& rec, const std::string& name,
+                      const olvan::CommandRequest& c, bool written);
 
     // With `mutex` held.
     olvan::CommandRequest makeCommand(Command command);

@@ -368,19 +368,26 @@ int listenControlSocket(const std::string& path) {
     return fd;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// What the command line asks for.
+struct ZemdArgs {
     DaemonOptions options;
     std::string socketPath = kDefaultSocket;
+    bool socketGiven = false;
     std::string controlPath;
     std::string campaignFile;
     bool control = false;
     bool defaultReceiveLimit = false;
-    bool socketGiven = false;
     std::string catalogFile, metricsAddress, htmlPath;
     std::vector<std::string> execArgv;
+};
 
+// What the setup steps below return when zemd goes on.
+constexpr int kContinue = -1;
+
+// Reads the options into `*args`. kContinue, or the status to exit with
+// (after --help, or with the problem printed).
+int parseArgs(int argc, char** argv, ZemdArgs* args) {
+    DaemonOptions& options = args->options;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto value = [&](const char* name) -> const char* {
@@ -394,13 +401,13 @@ int main(int argc, char** argv) {
             usage(stdout);
             return kExitOk;
         } else if (arg == "--socket") {
-            socketPath = value("--socket");
-            socketGiven = true;
-            if (socketPath.rfind("unix:", 0) == 0) socketPath.erase(0, 5);
+            args->socketPath = value("--socket");
+            args->socketGiven = true;
+            if (args->socketPath.rfind("unix:", 0) == 0) args->socketPath.erase(0, 5);
         } else if (arg == "--control-socket") {
-            controlPath = value("--control-socket");
+            args->controlPath = value("--control-socket");
         } else if (arg == "--campaign") {
-            campaignFile = value("--campaign");
+            args->campaignFile = value("--campaign");
         } else if (arg == "--stop-after") {
             const char* v = value("--stop-after");
             char* end = nullptr;
@@ -415,22 +422,22 @@ int main(int argc, char** argv) {
         } else if (arg == "--json") {
             options.json = true;
         } else if (arg == "--catalog") {
-            catalogFile = value("--catalog");
+            args->catalogFile = value("--catalog");
         } else if (arg == "--metrics") {
-            metricsAddress = value("--metrics");
+            args->metricsAddress = value("--metrics");
         } else if (arg == "--html") {
-            htmlPath = value("--html");
+            args->htmlPath = value("--html");
         } else if (arg == "--exec") {
             if (i + 1 < argc && strcmp(argv[i + 1], "--") == 0) ++i;
-            for (++i; i < argc; ++i) execArgv.push_back(argv[i]);
-            if (execArgv.empty()) {
+            for (++i; i < argc; ++i) args->execArgv.push_back(argv[i]);
+            if (args->execArgv.empty()) {
                 fprintf(stderr, "zemd: --exec needs a command\n");
                 return kExitUsage;
             }
         } else if (arg == "--control") {
-            control = true;
+            args->control = true;
         } else if (arg == "--default-receive-limit") {
-            defaultReceiveLimit = true;
+            args->defaultReceiveLimit = true;
         } else if (arg == "--fault") {
             std::string error;
             if (!zemfault::add(value("--fault"), &error)) {
@@ -442,209 +449,284 @@ int main(int argc, char** argv) {
             return kExitUsage;
         }
     }
-    if (options.stopAfter > 0 && campaignFile.empty()) {
+    if (options.stopAfter > 0 && args->campaignFile.empty()) {
         fprintf(stderr, "zemd: --stop-after needs --campaign\n");
         return kExitUsage;
     }
-    if (!campaignFile.empty()) {
-        if (!loadCampaign(campaignFile, &options.campaign)) return kExitUsage;
+    return kContinue;
+}
+
+// Loads the campaign and the catalog the options name and prepares the
+// output folder. kContinue, or the status to exit with.
+int loadInputs(ZemdArgs* args, zemtools::KPICatalog* catalog) {
+    DaemonOptions& options = args->options;
+    if (!args->campaignFile.empty()) {
+        if (!loadCampaign(args->campaignFile, &options.campaign)) return kExitUsage;
         options.haveCampaign = true;
     }
-    zemtools::KPICatalog catalog;
-    if (!catalogFile.empty()) {
+    if (!args->catalogFile.empty()) {
         std::string error;
-        if (!catalog.load(catalogFile, &error)) {
+        if (!catalog->load(args->catalogFile, &error)) {
             fprintf(stderr, "zemd: bad catalog file:\n%s", error.c_str());
             return kExitUsage;
         }
-        options.catalog = catalog;
+        options.catalog = *catalog;
     }
     if (!options.outDir.empty() && !prepareOutDir(options.outDir)) return kExitOutDir;
-    // The command of --exec meets this zemd alone: on a socket of its own
-    // unless one was given, and in a binder registry of its own unless the
-    // environment names one.
-    std::string execDir;
-    if (!execArgv.empty()) {
-        const char* tmp = getenv("TMPDIR");
-        execDir = std::string(tmp && *tmp ? tmp : "/tmp") + "/zemd-exec.XXXXXX";
-        if (mkdtemp(&execDir[0]) == nullptr) {
-            fprintf(stderr, "zemd: cannot create a folder for --exec: %s\n", strerror(errno));
-            return kExitSocket;
-        }
-        if (!socketGiven) socketPath = execDir + "/spc";
-        if (getenv("HOST_BINDER_REGISTRY") == nullptr) {
-            setenv("HOST_BINDER_REGISTRY", ("zemd-exec-" + std::to_string(getpid())).c_str(), 1);
-        }
+    return kContinue;
+}
+
+// The command of --exec meets this zemd alone: on a socket of its own unless
+// one was given, and in a binder registry of its own unless the environment
+// names one. Makes the folder for it in `*execDir`; false with a message.
+bool prepareExecScope(ZemdArgs* args, std::string* execDir) {
+    const char* tmp = getenv("TMPDIR");
+    *execDir = std::string(tmp && *tmp ? tmp : "/tmp") + "/zemd-exec.XXXXXX";
+    if (mkdtemp(&(*execDir)[0]) == nullptr) {
+        fprintf(stderr, "zemd: cannot create a folder for --exec: %s\n", strerror(errno));
+        return false;
     }
-    std::unique_ptr<zemtools::MetricsExporter> metrics;
-    if (!metricsAddress.empty()) {
-        std::string error;
-        metrics = zemtools::MetricsExporter::start(metricsAddress, &error);
-        if (!metrics) {
-            fprintf(stderr, "zemd: %s\n", error.c_str());
-            return kExitSocket;
-        }
+    if (!args->socketGiven) args->socketPath = *execDir + "/spc";
+    if (getenv("HOST_BINDER_REGISTRY") == nullptr) {
+        setenv("HOST_BINDER_REGISTRY", ("zemd-exec-" + std::to_string(getpid())).c_str(), 1);
     }
-    zemtools::HtmlReport report;
-    options.onData = [&](const std::string& client, const olvan::KPIData& data,
-                         const LTCCampaignDef* campaign, const zemtools::WallClock& clock) {
-        if (metrics) metrics->add(client, data, catalog, campaign, clock);
-        if (!htmlPath.empty()) report.add(client, data, clock);
-    };
-    options.onFile = [&](const std::string& client) {
-        if (metrics) metrics->addFile(client);
-    };
-    if (controlPath.empty()) controlPath = socketPath + ".ctl";
-    if (controlPath == socketPath) {
+    return true;
+}
+
+// Checks both sockets and listens on the control socket, its descriptor in
+// `*controlFd`. kContinue, or the status to exit with.
+int openControlSocket(ZemdArgs* args, int* controlFd) {
+    if (args->controlPath.empty()) args->controlPath = args->socketPath + ".ctl";
+    if (args->controlPath == args->socketPath) {
         fprintf(stderr, "zemd: --control-socket must differ from --socket\n");
         return kExitUsage;
     }
-    if (!checkSocketPath(socketPath) || !checkSocketPath(controlPath)) return kExitSocket;
-    const int controlFd = listenControlSocket(controlPath);
-    if (controlFd < 0) return kExitSocket;
+    if (!checkSocketPath(args->socketPath) || !checkSocketPath(args->controlPath)) {
+        return kExitSocket;
+    }
+    *controlFd = listenControlSocket(args->controlPath);
+    return *controlFd < 0 ? kExitSocket : kContinue;
+}
 
-    // Signals are taken by one thread with sigwait; every other thread
-    // inherits the mask.
+// Signals are taken by one thread with sigwait; every thread started after
+// this inherits the mask. Returns the signals that thread waits for.
+sigset_t blockExitSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    return signals;
+}
 
-    ZemDaemon daemon(options);
+std::unique_ptr<grpc::Server> startServer(ZemDaemon* daemon, const ZemdArgs& args) {
     grpc::ServerBuilder builder;
-    builder.AddListeningPort("unix:" + socketPath, grpc::InsecureServerCredentials());
+    builder.AddListeningPort("unix:" + args.socketPath, grpc::InsecureServerCredentials());
     // A cache file may be up to 4 MiB plus one record.
-    if (!defaultReceiveLimit) builder.SetMaxReceiveMessageSize(64 * 1024 * 1024);
-    builder.RegisterService(&daemon);
-    std::unique_ptr<grpc::Server> server = builder.BuildAndStart();
-    if (!server) {
-        fprintf(stderr, "zemd: cannot listen on unix:%s\n", socketPath.c_str());
-        unlink(controlPath.c_str());
-        return kExitSocket;
+    if (!args.defaultReceiveLimit) builder.SetMaxReceiveMessageSize(64 * 1024 * 1024);
+    builder.RegisterService(daemon);
+    return builder.BuildAndStart();
+}
+
+// The "listening" event: where zemd serves and what it was asked to do.
+void printBanner(ZemDaemon& daemon, const ZemdArgs& args,
+                 const zemtools::MetricsExporter* metrics) {
+    const DaemonOptions& options = args.options;
+    zemtools::JsonObject f;
+    f.add("socket", "unix:" + args.socketPath)
+            .add("control_socket", args.controlPath)
+            .add("pid", static_cast<int64_t>(getpid()))
+            .add("campaign", args.campaignFile)
+            .add("kpis", options.campaign.kpicfgs_size())
+            .add("stop_after", options.stopAfter)
+            .add("out", options.outDir)
+            .add("faults", zemfault::describe())
+            .add("catalog", args.catalogFile)
+            .add("clock_ref", zemtools::WallClock::now().reference());
+    std::string metricsUrl;
+    if (metrics) {
+        // A bare port serves every interface.
+        const size_t colon = args.metricsAddress.rfind(':');
+        const std::string host =
+                colon == std::string::npos ? "" : args.metricsAddress.substr(0, colon);
+        metricsUrl = "http://" + (host.empty() ? "localhost" : host) + ":" +
+                     std::to_string(metrics->port()) + "/metrics";
+        f.add("metrics", metricsUrl);
     }
-
-    {
-        zemtools::JsonObject f;
-        f.add("socket", "unix:" + socketPath)
-                .add("control_socket", controlPath)
-                .add("pid", static_cast<int64_t>(getpid()))
-                .add("campaign", campaignFile)
-                .add("kpis", options.campaign.kpicfgs_size())
-                .add("stop_after", options.stopAfter)
-                .add("out", options.outDir)
-                .add("faults", zemfault::describe())
-                .add("catalog", catalogFile)
-                .add("clock_ref", zemtools::WallClock::now().reference());
-        std::string metricsUrl;
-        if (metrics) {
-            // A bare port serves every interface.
-            const size_t colon = metricsAddress.rfind(':');
-            const std::string host =
-                    colon == std::string::npos ? "" : metricsAddress.substr(0, colon);
-            metricsUrl = "http://" + (host.empty() ? "localhost" : host) + ":" +
-                         std::to_string(metrics->port()) + "/metrics";
-            f.add("metrics", metricsUrl);
-        }
-        std::string text = "unix:" + socketPath + " pid " + std::to_string(getpid());
-        if (options.haveCampaign) {
-            text += ", campaign " + campaignFile + " (" +
-                    std::to_string(options.campaign.kpicfgs_size()) + " KPIs)";
-        }
-        if (options.stopAfter > 0) {
-            char buf[48];
-            snprintf(buf, sizeof buf, ", stopped after %gs", options.stopAfter);
-            text += buf;
-        }
-        if (!options.outDir.empty()) text += ", files stored in " + options.outDir;
-        if (metrics) text += ", metrics on " + metricsUrl;
-        daemon.emit("listening", f, text);
+    std::string text = "unix:" + args.socketPath + " pid " + std::to_string(getpid());
+    if (options.haveCampaign) {
+        text += ", campaign " + args.campaignFile + " (" +
+                std::to_string(options.campaign.kpicfgs_size()) + " KPIs)";
     }
+    if (options.stopAfter > 0) {
+        char buf[48];
+        snprintf(buf, sizeof buf, ", stopped after %gs", options.stopAfter);
+        text += buf;
+    }
+    if (!options.outDir.empty()) text += ", files stored in " + options.outDir;
+    if (metrics) text += ", metrics on " + metricsUrl;
+    daemon.emit("listening", f, text);
+}
 
-    // The same service over binder, for clients registering with transport 1.
-    android::sp<ZemBinderService> binderService = new ZemBinderService(daemon);
-    if (binderService->publish() == android::OK) gBinderService = binderService.get();
-
+// The signal thread and the control threads, all detached.
+void startControlThreads(ZemDaemon* daemon, const sigset_t& signals, bool stdinControl,
+                         int controlFd) {
     std::thread([signals] {
         int sig = 0;
         sigwait(&signals, &sig);
         requestExit();
     }).detach();
-    if (control) std::thread(stdinControlLoop, &daemon).detach();
-    std::thread(controlSocketLoop, &daemon, controlFd).detach();
+    if (stdinControl) std::thread(stdinControlLoop, daemon).detach();
+    std::thread(controlSocketLoop, daemon, controlFd).detach();
+}
 
-    zemtools::ZemExec exec;
-    std::mutex execMutex;
-    std::condition_variable execCv;
-    bool execDone = false;
-    int execStatus = kExitOk;
-    if (!execArgv.empty()) {
+// The command of --exec: started once zemd serves, watched by a thread of its
+// own that asks zemd to exit when the command ends.
+class ExecRun {
+  public:
+    // Starts the command; when it cannot be started, says so and asks zemd
+    // to exit with the status ZemExec gives.
+    void start(ZemDaemon* daemon, const ZemdArgs& args, const std::string& execDir) {
         std::string error;
         std::string command;
-        for (const std::string& a : execArgv) command += (command.empty() ? "" : " ") + a;
-        if (!exec.start(execArgv, socketPath, execDir, &error, &execStatus)) {
+        for (const std::string& a : args.execArgv) command += (command.empty() ? "" : " ") + a;
+        if (!exec.start(args.execArgv, args.socketPath, execDir, &error, &status)) {
             fprintf(stderr, "zemd: --exec: %s\n", error.c_str());
-            execDone = true;
+            done = true;
             requestExit();
-        } else {
-            zemtools::JsonObject f;
-            f.add("state", "started")
-                    .add("pid", static_cast<int64_t>(exec.pid()))
-                    .add("command", command);
-            daemon.emit("exec", f, "started pid " + std::to_string(exec.pid()) + ": " + command);
-            std::thread([&] {
-                const int status = exec.wait();
-                zemtools::JsonObject done;
-                done.add("state", "exited").add("status", status);
-                daemon.emit("exec", done, "exited with status " + std::to_string(status));
-                {
-                    std::lock_guard<std::mutex> lock(execMutex);
-                    execStatus = status;
-                    execDone = true;
-                }
-                execCv.notify_all();
-                requestExit();
-            }).detach();
+            return;
         }
+        zemtools::JsonObject f;
+        f.add("state", "started")
+                .add("pid", static_cast<int64_t>(exec.pid()))
+                .add("command", command);
+        daemon->emit("exec", f, "started pid " + std::to_string(exec.pid()) + ": " + command);
+        std::thread([this, daemon] {
+            const int exited = exec.wait();
+            zemtools::JsonObject ended;
+            ended.add("state", "exited").add("status", exited);
+            daemon->emit("exec", ended, "exited with status " + std::to_string(exited));
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                status = exited;
+                done = true;
+            }
+            cv.notify_all();
+            requestExit();
+        }).detach();
     }
 
-    {
-        std::unique_lock<std::mutex> lock(gExitMutex);
-        gExitCv.wait(lock, [] { return gExitRequested; });
-    }
-
-    if (!execArgv.empty()) {
-        // Stopped by a signal or quit while the command still runs.
+    // Ends the command if it still runs (zemd was stopped by a signal or
+    // quit) and waits for it. Its exit status.
+    int finish() {
         exec.terminate(5000);
-        std::unique_lock<std::mutex> lock(execMutex);
-        execCv.wait(lock, [&] { return execDone; });
+        std::unique_lock<std::mutex> lock(mutex);
+        cv.wait(lock, [&] { return done; });
+        return status;
     }
 
-    daemon.shutdown();
+  private:
+    zemtools::ZemExec exec;
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool done = false;
+    int status = kExitOk;
+};
+
+void waitForExitRequest() {
+    std::unique_lock<std::mutex> lock(gExitMutex);
+    gExitCv.wait(lock, [] { return gExitRequested; });
+}
+
+// Stops serving and removes what zemd made: its sockets and the --exec
+// folder.
+void stopServing(ZemDaemon* daemon, std::unique_ptr<grpc::Server> server, const ZemdArgs& args,
+                 const std::string& execDir) {
+    daemon->shutdown();
     server->Shutdown(std::chrono::system_clock::now() + std::chrono::seconds(2));
     server.reset();
     struct stat st;
-    for (const std::string& path : {socketPath, controlPath}) {
+    for (const std::string& path : {args.socketPath, args.controlPath}) {
         if (lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) unlink(path.c_str());
     }
-    int status = execArgv.empty() ? kExitOk : execStatus;
     if (!execDir.empty()) {
         rmdir((execDir + "/host-dev").c_str());
         rmdir(execDir.c_str());
     }
-    if (!htmlPath.empty()) {
+}
+
+// Writes the --html report; false with a message.
+bool writeReport(ZemDaemon& daemon, zemtools::HtmlReport& report, const std::string& htmlPath,
+                 const zemtools::KPICatalog& catalog) {
+    std::string error;
+    const std::shared_ptr<const LTCCampaignDef> campaign = daemon.currentCampaign();
+    if (!report.write(htmlPath, "zemd report", catalog, campaign.get(), &error)) {
+        fprintf(stderr, "zemd: %s\n", error.c_str());
+        return false;
+    }
+    zemtools::JsonObject f;
+    f.add("file", htmlPath).add("charts", uint64_t{report.chartCount()});
+    daemon.emit("report", f, htmlPath + " (" + std::to_string(report.chartCount()) + " charts)");
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ZemdArgs args;
+    int status = parseArgs(argc, argv, &args);
+    if (status != kContinue) return status;
+    zemtools::KPICatalog catalog;
+    status = loadInputs(&args, &catalog);
+    if (status != kContinue) return status;
+    std::string execDir;
+    if (!args.execArgv.empty() && !prepareExecScope(&args, &execDir)) return kExitSocket;
+    std::unique_ptr<zemtools::MetricsExporter> metrics;
+    if (!args.metricsAddress.empty()) {
         std::string error;
-        const std::shared_ptr<const LTCCampaignDef> campaign = daemon.currentCampaign();
-        if (report.write(htmlPath, "zemd report", catalog, campaign.get(), &error)) {
-            zemtools::JsonObject f;
-            f.add("file", htmlPath).add("charts", uint64_t{report.chartCount()});
-            daemon.emit("report", f,
-                        htmlPath + " (" + std::to_string(report.chartCount()) + " charts)");
-        } else {
+        metrics = zemtools::MetricsExporter::start(args.metricsAddress, &error);
+        if (!metrics) {
             fprintf(stderr, "zemd: %s\n", error.c_str());
-            if (status == kExitOk) status = kExitOutDir;
+            return kExitSocket;
         }
+    }
+    zemtools::HtmlReport report;
+    const std::string& htmlPath = args.htmlPath;
+    args.options.onData = [&](const std::string& client, const olvan::KPIData& data,
+                              const LTCCampaignDef* campaign, const zemtools::WallClock& clock) {
+        if (metrics) metrics->add(client, data, catalog, campaign, clock);
+        if (!htmlPath.empty()) report.add(client, data, clock);
+    };
+    args.options.onFile = [&](const std::string& client) {
+        if (metrics) metrics->addFile(client);
+    };
+    int controlFd = -1;
+    status = openControlSocket(&args, &controlFd);
+    if (status != kContinue) return status;
+    const sigset_t signals = blockExitSignals();
+
+    ZemDaemon daemon(args.options);
+    std::unique_ptr<grpc::Server> server = startServer(&daemon, args);
+    if (!server) {
+        fprintf(stderr, "zemd: cannot listen on unix:%s\n", args.socketPath.c_str());
+        unlink(args.controlPath.c_str());
+        return kExitSocket;
+    }
+    printBanner(daemon, args, metrics.get());
+
+    // The same service over binder, for clients registering with transport 1.
+    android::sp<ZemBinderService> binderService = new ZemBinderService(daemon);
+    if (binderService->publish() == android::OK) gBinderService = binderService.get();
+    startControlThreads(&daemon, signals, args.control, controlFd);
+    ExecRun exec;
+    if (!args.execArgv.empty()) exec.start(&daemon, args, execDir);
+
+    waitForExitRequest();
+    status = args.execArgv.empty() ? kExitOk : exec.finish();
+    stopServing(&daemon, std::move(server), args, execDir);
+    if (!htmlPath.empty() && !writeReport(daemon, report, htmlPath, catalog) && status == kExitOk) {
+        status = kExitOutDir;
     }
     daemon.emit("exit", zemtools::JsonObject(), "stopped");
     fflush(stdout);

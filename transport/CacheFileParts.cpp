@@ -1,10 +1,11 @@
 #include "transport/CacheFileParts.h"
 
-#include <google/protobuf/io/coded_stream.h>
-#include <google/protobuf/wire_format_lite.h>
+#include <cstdio>
+#include <sstream>
+#include <utility>
 
-#include <climits>
-#include <cstdint>
+#include "serializer/CacheFile.h"
+#include "serializer/CacheFileField.h"
 
 namespace zem {
 namespace internal {
@@ -13,16 +14,6 @@ namespace {
 
 // A KPIData holding only version = V1.
 const std::string kVersionRecord("\x08\x01", 2);
-
-// The length of the whole field at the start of `bytes`, or 0 when the bytes
-// do not hold one (malformed, or cut short).
-size_t fieldLength(const char* bytes, size_t size) {
-    const int n = size > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(size);
-    google::protobuf::io::CodedInputStream in(reinterpret_cast<const uint8_t*>(bytes), n);
-    const uint32_t tag = in.ReadTag();
-    if (tag == 0 || !google::protobuf::internal::WireFormatLite::SkipField(&in, tag)) return 0;
-    return static_cast<size_t>(in.CurrentPosition());
-}
 
 }  // namespace
 
@@ -53,13 +44,13 @@ bool CacheFileParts::next(std::string* part) {
 
     size_t used = 0;
     while (used < pending.size()) {
-        size_t len = fieldLength(pending.data() + used, pending.size() - used);
+        size_t len = cacheFileField(pending.data() + used, pending.size() - used);
         // A field running past what has been read: read on when the part
         // has no record yet (a field larger than a part); otherwise it opens
         // the next part.
         while (len == 0 && !atEnd && part->size() <= kVersionRecord.size()) {
             fill(pending.size() + maxPartBytes);
-            len = fieldLength(pending.data() + used, pending.size() - used);
+            len = cacheFileField(pending.data() + used, pending.size() - used);
         }
         if (len == 0) {
             if (!atEnd) break;
@@ -73,6 +64,22 @@ bool CacheFileParts::next(std::string* part) {
         used += len;
     }
     pending.erase(0, used);
+    return true;
+}
+
+bool deliverInParts(const std::string& path, size_t maxPartBytes,
+                    const std::function<bool(std::string& part)>& sendPart) {
+    std::string content;
+    if (!readForDelivery(path, &content)) return false;
+    std::istringstream in(std::move(content));
+    CacheFileParts parts(in, maxPartBytes);
+    std::string part;
+    while (parts.next(&part)) {
+        // A failure keeps the file whole; parts already sent come again with it.
+        if (!sendPart(part)) return false;
+    }
+    // The transport succeeded: the daemon holds the bytes, whatever it answered.
+    remove(path.c_str());
     return true;
 }
 

@@ -10,10 +10,12 @@
 // merge into exactly what the file holds. The file is read as the parts are
 // taken, so a large file never sits in memory whole.
 //
-// One object per delivery, used by one thread.
+// One object per delivery, used by one thread. deliverInParts is the whole
+// delivery both transports make: read, send part by part, remove.
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <istream>
 #include <string>
 
@@ -45,6 +47,14 @@ class CacheFileParts {
     bool atEnd = false;
     bool first = true;
 };
+
+// Reads the cache file at `path` for delivery (zem::readForDelivery: a missing
+// file is sent empty) and hands it to `sendPart` in CacheFileParts of at most
+// `maxPartBytes`, in order, stopping at the first part it refuses (returns
+// false for). Once every part has gone, the file is removed. Returns whether
+// it was; a file that may not be sent, or whose delivery failed, stays whole.
+bool deliverInParts(const std::string& path, size_t maxPartBytes,
+                    const std::function<bool(std::string& part)>& sendPart);
 
 }  // namespace internal
 }  // namespace zem

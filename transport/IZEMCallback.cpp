@@ -10,66 +10,26 @@ using android::binder::Status;
 
 const String16& IZEMCallback::descriptor = *new String16("IZEMCallback");
 
-namespace {
-std::unique_ptr<IZEMCallback> gCallbackDefaultImpl;
-}  // namespace
-
-IZEMCallback::IZEMCallback() {}
-IZEMCallback::~IZEMCallback() {}
-
-const String16& IZEMCallback::getInterfaceDescriptor() const {
-    return descriptor;
-}
-
-sp<IZEMCallback> IZEMCallback::asInterface(const sp<IBinder>& obj) {
-    sp<IZEMCallback> intr;
-    if (obj != nullptr) {
-        intr = static_cast<IZEMCallback*>(obj->queryLocalInterface(descriptor).get());
-        if (intr == nullptr) intr = new BpZEMCallback(obj);
-    }
-    return intr;
-}
-
-bool IZEMCallback::setDefaultImpl(std::unique_ptr<IZEMCallback> impl) {
-    if (!impl) return false;
-    gCallbackDefaultImpl = std::move(impl);
-    return true;
-}
-
-const std::unique_ptr<IZEMCallback>& IZEMCallback::getDefaultImpl() {
-    return gCallbackDefaultImpl;
-}
-
 BpZEMCallback::BpZEMCallback(const sp<IBinder>& impl) : BpInterface<IZEMCallback>(impl) {}
 
 Status BpZEMCallback::onCampaignEvent(int32_t eventType, int64_t campaignId,
                                       const std::vector<uint8_t>& campaignConfig, int32_t eventArg,
                                       const std::string& token, int32_t* result) {
-    Parcel data;
-    Parcel reply;
-    zem_binder::markForBinder(data, sp<IBinder>(remote()));
-    status_t err = data.writeInterfaceToken(getInterfaceDescriptor());
-    if (err == OK) err = data.writeInt32(eventType);
-    if (err == OK) err = data.writeInt64(campaignId);
-    if (err == OK) err = data.writeByteVector(campaignConfig);
-    if (err == OK) err = data.writeInt32(eventArg);
-    if (err == OK) err = data.writeUtf8AsUtf16(token);
-    if (err != OK) return Status::fromStatusT(err);
-
-    err = remote()->transact(ONCAMPAIGNEVENT, data, &reply, 0);
-    if (err == android::UNKNOWN_TRANSACTION && getDefaultImpl()) {
-        return getDefaultImpl()->onCampaignEvent(eventType, campaignId, campaignConfig, eventArg,
-                                                 token, result);
-    }
-    if (err != OK) return Status::fromStatusT(err);
-
-    Status status;
-    err = status.readFromParcel(reply);
-    if (err != OK) return Status::fromStatusT(err);
-    if (!status.isOk()) return status;
-    err = reply.readInt32(result);
-    if (err != OK) return Status::fromStatusT(err);
-    return status;
+    return zem_binder::proxyCall<IZEMCallback>(
+            remote(), ONCAMPAIGNEVENT, 0,
+            [&](Parcel& data) {
+                status_t err = data.writeInt32(eventType);
+                if (err == OK) err = data.writeInt64(campaignId);
+                if (err == OK) err = data.writeByteVector(campaignConfig);
+                if (err == OK) err = data.writeInt32(eventArg);
+                if (err == OK) err = data.writeUtf8AsUtf16(token);
+                return err;
+            },
+            [&](IZEMCallback& impl) {
+                return impl.onCampaignEvent(eventType, campaignId, campaignConfig, eventArg, token,
+                                            result);
+            },
+            [&](const Parcel& reply) { return reply.readInt32(result); });
 }
 
 status_t BnZEMCallback::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
@@ -93,7 +53,5 @@ status_t BnZEMCallback::onTransact(uint32_t code, const Parcel& data, Parcel* re
     int32_t result = 0;
     const Status status =
             onCampaignEvent(eventType, campaignId, campaignConfig, eventArg, token, &result);
-    err = status.writeToParcel(reply);
-    if (err != OK || !status.isOk()) return err;
-    return reply->writeInt32(result);
+    return zem_binder::writeReply(reply, status, [&] { return reply->writeInt32(result); });
 }

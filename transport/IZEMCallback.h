@@ -17,23 +17,11 @@
 // binder runtime.
 #pragma once
 
-// Some libbinder releases use std::unique_ptr and std::numeric_limits in their
-// headers without including them; the standard headers go first.
-#include <cstdint>
-#include <limits>
-#include <memory>
-#include <string>
-#include <type_traits>
-#include <utility>
-#include <vector>
-// clang-format off
-#include <binder/IBinder.h>
-#include <binder/IInterface.h>
-#include <binder/Parcel.h>
-#include <binder/Status.h>
-// clang-format on
+#include "transport/BinderInterface.h"
 
-class IZEMCallback : public android::IInterface {
+class BpZEMCallback;
+
+class IZEMCallback : public zem_binder::MetaInterface<IZEMCallback, BpZEMCallback> {
   public:
     enum Call : uint32_t {
         ONCAMPAIGNEVENT = android::IBinder::FIRST_CALL_TRANSACTION,
@@ -43,19 +31,7 @@ class IZEMCallback : public android::IInterface {
     static constexpr int32_t kCampaignStart = 256;
     static constexpr int32_t kCampaignStop = 512;
 
-    // Never destroyed: binder pool threads may still compare it while the
-    // process exits.
     static const android::String16& descriptor;
-
-    // Null for a null binder; the local object when `obj` is one of this
-    // process's IZEMCallback stubs; otherwise a new BpZEMCallback on `obj`.
-    static android::sp<IZEMCallback> asInterface(const android::sp<android::IBinder>& obj);
-    virtual const android::String16& getInterfaceDescriptor() const;
-
-    // Replaces the implementation a proxy falls back to when the remote
-    // object answers UNKNOWN_TRANSACTION. Refuses null (returns false).
-    static bool setDefaultImpl(std::unique_ptr<IZEMCallback> impl);
-    static const std::unique_ptr<IZEMCallback>& getDefaultImpl();
 
     // Campaign start (256) or stop (512) for the registration `token`; the
     // outcome travels in *result.
@@ -63,9 +39,6 @@ class IZEMCallback : public android::IInterface {
                                                     const std::vector<uint8_t>& campaignConfig,
                                                     int32_t eventArg, const std::string& token,
                                                     int32_t* result) = 0;
-
-    IZEMCallback();
-    ~IZEMCallback() override;
 };
 
 class BpZEMCallback : public android::BpInterface<IZEMCallback> {
@@ -84,26 +57,3 @@ class BnZEMCallback : public android::BnInterface<IZEMCallback> {
     android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                  uint32_t flags) override;
 };
-
-namespace zem_binder {
-
-// Newer libbinder wants each request parcel marked for the binder it goes
-// to; older releases have no such call. Calls it exactly when it exists.
-template <typename P, typename = void>
-struct HasMarkForBinder : std::false_type {};
-template <typename P>
-struct HasMarkForBinder<P, std::void_t<decltype(std::declval<P&>().markForBinder(
-                                   std::declval<const android::sp<android::IBinder>&>()))>>
-    : std::true_type {};
-
-template <typename P>
-inline void markForBinder(P& parcel, const android::sp<android::IBinder>& binder) {
-    if constexpr (HasMarkForBinder<P>::value) {
-        parcel.markForBinder(binder);
-    } else {
-        (void)parcel;
-        (void)binder;
-    }
-}
-
-}  // namespace zem_binder

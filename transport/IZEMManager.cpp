@@ -10,117 +10,48 @@ using android::binder::Status;
 
 const String16& IZEMManager::descriptor = *new String16("IZEMManager");
 
-namespace {
-
-std::unique_ptr<IZEMManager> gManagerDefaultImpl;
-
-// Reads the status of a two-way reply; for an ok status also the out value.
-template <typename ReadOut>
-Status readReply(const Parcel& reply, ReadOut&& readOut) {
-    Status status;
-    status_t err = status.readFromParcel(reply);
-    if (err != OK) return Status::fromStatusT(err);
-    if (!status.isOk()) return status;
-    err = readOut();
-    if (err != OK) return Status::fromStatusT(err);
-    return status;
-}
-
-}  // namespace
-
-IZEMManager::IZEMManager() {}
-IZEMManager::~IZEMManager() {}
-
-const String16& IZEMManager::getInterfaceDescriptor() const {
-    return descriptor;
-}
-
-sp<IZEMManager> IZEMManager::asInterface(const sp<IBinder>& obj) {
-    sp<IZEMManager> intr;
-    if (obj != nullptr) {
-        intr = static_cast<IZEMManager*>(obj->queryLocalInterface(descriptor).get());
-        if (intr == nullptr) intr = new BpZEMManager(obj);
-    }
-    return intr;
-}
-
-bool IZEMManager::setDefaultImpl(std::unique_ptr<IZEMManager> impl) {
-    if (!impl) return false;
-    gManagerDefaultImpl = std::move(impl);
-    return true;
-}
-
-const std::unique_ptr<IZEMManager>& IZEMManager::getDefaultImpl() {
-    return gManagerDefaultImpl;
-}
-
 BpZEMManager::BpZEMManager(const sp<IBinder>& impl) : BpInterface<IZEMManager>(impl) {}
 
 Status BpZEMManager::registerZEMClient(const std::string& name, const sp<IZEMCallback>& callback,
                                        std::string* token) {
-    Parcel data;
-    Parcel reply;
-    zem_binder::markForBinder(data, sp<IBinder>(remote()));
-    status_t err = data.writeInterfaceToken(getInterfaceDescriptor());
-    if (err == OK) err = data.writeUtf8AsUtf16(name);
-    if (err == OK) err = data.writeStrongBinder(IInterface::asBinder(callback));
-    if (err != OK) return Status::fromStatusT(err);
-
-    err = remote()->transact(REGISTERZEMCLIENT, data, &reply, 0);
-    if (err == android::UNKNOWN_TRANSACTION && getDefaultImpl()) {
-        return getDefaultImpl()->registerZEMClient(name, callback, token);
-    }
-    if (err != OK) return Status::fromStatusT(err);
-    return readReply(reply, [&] { return reply.readUtf8FromUtf16(token); });
+    return zem_binder::proxyCall<IZEMManager>(
+            remote(), REGISTERZEMCLIENT, 0,
+            [&](Parcel& data) {
+                status_t err = data.writeUtf8AsUtf16(name);
+                if (err == OK) err = data.writeStrongBinder(IInterface::asBinder(callback));
+                return err;
+            },
+            [&](IZEMManager& impl) { return impl.registerZEMClient(name, callback, token); },
+            [&](const Parcel& reply) { return reply.readUtf8FromUtf16(token); });
 }
 
 Status BpZEMManager::checkForPendingCampaign(const std::string& token) {
-    Parcel data;
-    Parcel reply;
-    zem_binder::markForBinder(data, sp<IBinder>(remote()));
-    status_t err = data.writeInterfaceToken(getInterfaceDescriptor());
-    if (err == OK) err = data.writeUtf8AsUtf16(token);
-    if (err != OK) return Status::fromStatusT(err);
-
-    err = remote()->transact(CHECKFORPENDINGCAMPAIGN, data, &reply, IBinder::FLAG_ONEWAY);
-    if (err == android::UNKNOWN_TRANSACTION && getDefaultImpl()) {
-        return getDefaultImpl()->checkForPendingCampaign(token);
-    }
-    return Status::fromStatusT(err);
+    return zem_binder::proxyCall<IZEMManager>(
+            remote(), CHECKFORPENDINGCAMPAIGN, IBinder::FLAG_ONEWAY,
+            [&](Parcel& data) { return data.writeUtf8AsUtf16(token); },
+            [&](IZEMManager& impl) { return impl.checkForPendingCampaign(token); },
+            [](const Parcel&) { return OK; });
 }
 
 Status BpZEMManager::deregisterZEMClient(const std::string& token) {
-    Parcel data;
-    Parcel reply;
-    zem_binder::markForBinder(data, sp<IBinder>(remote()));
-    status_t err = data.writeInterfaceToken(getInterfaceDescriptor());
-    if (err == OK) err = data.writeUtf8AsUtf16(token);
-    if (err != OK) return Status::fromStatusT(err);
-
-    err = remote()->transact(DEREGISTERZEMCLIENT, data, &reply, 0);
-    if (err == android::UNKNOWN_TRANSACTION && getDefaultImpl()) {
-        return getDefaultImpl()->deregisterZEMClient(token);
-    }
-    if (err != OK) return Status::fromStatusT(err);
-    return readReply(reply, [] { return OK; });
+    return zem_binder::proxyCall<IZEMManager>(
+            remote(), DEREGISTERZEMCLIENT, 0,
+            [&](Parcel& data) { return data.writeUtf8AsUtf16(token); },
+            [&](IZEMManager& impl) { return impl.deregisterZEMClient(token); },
+            [](const Parcel&) { return OK; });
 }
 
 Status BpZEMManager::sendData(const std::vector<uint8_t>& content, const std::string& token,
                               bool* result) {
-    Parcel data;
-    Parcel reply;
-    zem_binder::markForBinder(data, sp<IBinder>(remote()));
-    status_t err = data.writeInterfaceToken(getInterfaceDescriptor());
-    if (err == OK) err = data.writeByteVector(content);
-    if (err == OK) err = data.writeUtf8AsUtf16(token);
-    if (err != OK) return Status::fromStatusT(err);
-
-    err = remote()->transact(SENDDATA, data, &reply, 0);
-    if (err == android::UNKNOWN_TRANSACTION && getDefaultImpl()) {
-        return getDefaultImpl()->sendData(content, token, result);
-    }
-    if (err != OK) return Status::fromStatusT(err);
-    return readReply(reply, [&] { return reply.readBool(result); });
+    return zem_binder::proxyCall<IZEMManager>(
+            remote(), SENDDATA, 0,
+            [&](Parcel& data) {
+                status_t err = data.writeByteVector(content);
+                if (err == OK) err = data.writeUtf8AsUtf16(token);
+                return err;
+            },
+            [&](IZEMManager& impl) { return impl.sendData(content, token, result); },
+            [&](const Parcel& reply) { return reply.readBool(result); });
 }
 
 status_t BnZEMManager::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
@@ -144,9 +75,8 @@ status_t BnZEMManager::onTransact(uint32_t code, const Parcel& data, Parcel* rep
             if (reply == nullptr) return android::BAD_VALUE;
             std::string token;
             const Status status = registerZEMClient(name, callback, &token);
-            err = status.writeToParcel(reply);
-            if (err != OK || !status.isOk()) return err;
-            return reply->writeUtf8AsUtf16(token);
+            return zem_binder::writeReply(reply, status,
+                                          [&] { return reply->writeUtf8AsUtf16(token); });
         }
         case CHECKFORPENDINGCAMPAIGN: {
             std::string token;
@@ -172,9 +102,7 @@ status_t BnZEMManager::onTransact(uint32_t code, const Parcel& data, Parcel* rep
             if (reply == nullptr) return android::BAD_VALUE;
             bool result = false;
             const Status status = sendData(content, token, &result);
-            err = status.writeToParcel(reply);
-            if (err != OK || !status.isOk()) return err;
-            return reply->writeBool(result);
+            return zem_binder::writeReply(reply, status, [&] { return reply->writeBool(result); });
         }
     }
 }

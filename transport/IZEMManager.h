@@ -20,7 +20,9 @@
 
 #include "transport/IZEMCallback.h"
 
-class IZEMManager : public android::IInterface {
+class BpZEMManager;
+
+class IZEMManager : public zem_binder::MetaInterface<IZEMManager, BpZEMManager> {
   public:
     enum Call : uint32_t {
         REGISTERZEMCLIENT = android::IBinder::FIRST_CALL_TRANSACTION,
@@ -29,19 +31,7 @@ class IZEMManager : public android::IInterface {
         SENDDATA,
     };
 
-    // Never destroyed: binder pool threads may still compare it while the
-    // process exits.
     static const android::String16& descriptor;
-
-    // Null for a null binder; the local object when `obj` is one of this
-    // process's IZEMManager stubs; otherwise a new BpZEMManager on `obj`.
-    static android::sp<IZEMManager> asInterface(const android::sp<android::IBinder>& obj);
-    virtual const android::String16& getInterfaceDescriptor() const;
-
-    // Replaces the implementation a proxy falls back to when the remote
-    // object answers UNKNOWN_TRANSACTION. Refuses null (returns false).
-    static bool setDefaultImpl(std::unique_ptr<IZEMManager> impl);
-    static const std::unique_ptr<IZEMManager>& getDefaultImpl();
 
     virtual android::binder::Status registerZEMClient(const std::string& name,
                                                       const android::sp<IZEMCallback>& callback,
@@ -51,9 +41,6 @@ class IZEMManager : public android::IInterface {
     virtual android::binder::Status deregisterZEMClient(const std::string& token) = 0;
     virtual android::binder::Status sendData(const std::vector<uint8_t>& data,
                                              const std::string& token, bool* result) = 0;
-
-    IZEMManager();
-    ~IZEMManager() override;
 };
 
 class BpZEMManager : public android::BpInterface<IZEMManager> {

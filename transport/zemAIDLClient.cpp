@@ -6,16 +6,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <utility>
 
 #include "collector/zem_collector.h"
 #include "common/DaemonCall.h"
 #include "common/ZemLog.h"
-#include "serializer/CacheFile.h"
 #include "transport/CacheFileParts.h"
 
 using android::defaultServiceManager;
@@ -107,11 +102,38 @@ bool zemAIDLClient::setZEMBinder() {
     const android::status_t linked = binder->linkToDeath(recipient, nullptr, 0);
     ZEM_LOGI("%s: linkToDeath status: %d", kOp, linked);
 
+    // Made directly rather than through asInterface: the service lives in
+    // the daemon's process, never in this one, so there is no local object
+    // to look for.
     sp<IZEMManager> made = new BpZEMManager(binder);
     zem::MutexLock lock(&stateMutex);
     manager = made;
     service = binder;
     return true;
+}
+
+sp<IZEMManager> zemAIDLClient::managerFor(const char* op, const std::string& token) {
+    ZEM_LOGI("%s called for token - %s", op, token.c_str());
+    sp<IZEMManager> m;
+    {
+        zem::MutexLock lock(&stateMutex);
+        m = manager;
+    }
+    if (m == nullptr) ZEM_LOGE("%s - Failed to get zem manager handle", op);
+    return m;
+}
+
+template <typename Call>
+bool zemAIDLClient::callDaemon(const char* op, const sp<IZEMManager>& m, Call&& call) {
+    Status status;
+    {
+        zem::DaemonCall waiting;
+        status = call();
+    }
+    if (status.isOk()) return true;
+    ZEM_LOGE("%s - failed with error - %d", op, status.exceptionCode());
+    dropIfDead(m, status);
+    return false;
 }
 
 int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*version*/,
@@ -165,16 +187,7 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
     }
 
     std::string token;
-    Status status;
-    {
-        zem::DaemonCall waiting;
-        status = m->registerZEMClient(name, cb, &token);
-    }
-    if (!status.isOk()) {
-        ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
-        dropIfDead(m, status);
-        return -1;
-    }
+    if (!callDaemon(kOp, m, [&] { return m->registerZEMClient(name, cb, &token); })) return -1;
     ZEM_LOGI("%s success. Token received - %s", kOp, token.c_str());
     {
         zem::MutexLock lock(&stateMutex);
@@ -200,57 +213,26 @@ int32_t zemAIDLClient::registerClient(const std::string& name, uint32_t /*versio
 
 int32_t zemAIDLClient::sendData(const std::string& filename, const std::string& token) {
     static const char* const kOp = "sendData";
-    ZEM_LOGI("%s called for token - %s", kOp, token.c_str());
-    sp<IZEMManager> m;
-    {
-        zem::MutexLock lock(&stateMutex);
-        m = manager;
-    }
-    if (m == nullptr) {
-        ZEM_LOGE("%s - Failed to get zem manager handle", kOp);
-        return -1;
-    }
+    const sp<IZEMManager> m = managerFor(kOp, token);
+    if (m == nullptr) return -1;
     zem::MutexLock calls(&mutex);
     // A file that fits goes in one transaction, as it is; a larger one in
-    // parts, each a cache file image of its own. A missing file is sent
-    // empty.
-    std::string content;
-    if (!zem::readForDelivery(filename, &content)) return -1;
-    std::istringstream in(std::move(content));
-    zem::internal::CacheFileParts parts(in, kMaxSendBytes);
-    std::string part;
-    while (parts.next(&part)) {
-        const std::vector<uint8_t> bytes(part.begin(), part.end());
-        ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(bytes.size()));
-        bool ok = false;
-        Status status;
-        {
-            zem::DaemonCall waiting;
-            status = m->sendData(bytes, token, &ok);
-        }
-        if (!status.isOk()) {
-            // The file stays whole; parts already sent come again with it.
-            ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
-            dropIfDead(m, status);
-            return -1;
-        }
-    }
-    remove(filename.c_str());
-    return 0;
+    // parts, each a cache file image of its own.
+    const bool delivered =
+            zem::internal::deliverInParts(filename, kMaxSendBytes, [&](const std::string& part) {
+                const std::vector<uint8_t> bytes(part.begin(), part.end());
+                ZEM_LOGI("%s - Data vector length - %d", kOp, static_cast<int>(bytes.size()));
+                // The daemon's bool is not looked at.
+                bool ok = false;
+                return callDaemon(kOp, m, [&] { return m->sendData(bytes, token, &ok); });
+            });
+    return delivered ? 0 : -1;
 }
 
 int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
     static const char* const kOp = "deRegisterClient";
-    ZEM_LOGI("%s called for token - %s", kOp, token.c_str());
-    sp<IZEMManager> m;
-    {
-        zem::MutexLock lock(&stateMutex);
-        m = manager;
-    }
-    if (m == nullptr) {
-        ZEM_LOGE("%s - Failed to get zem manager handle", kOp);
-        return -1;
-    }
+    const sp<IZEMManager> m = managerFor(kOp, token);
+    if (m == nullptr) return -1;
     // A registration or delivery that the daemon never answers holds the
     // lock for as long; a binder call cannot be cancelled, so after a grace
     // period the deregistration is given up instead of waiting with it.
@@ -258,18 +240,9 @@ int32_t zemAIDLClient::deRegisterClient(const std::string& token) {
         ZEM_LOGE("%s - an earlier call to the daemon is still waiting for its answer", kOp);
         return -1;
     }
-    Status status;
-    {
-        zem::DaemonCall waiting;
-        status = m->deregisterZEMClient(token);
-    }
+    const bool done = callDaemon(kOp, m, [&] { return m->deregisterZEMClient(token); });
     mutex.unlock();
-    if (!status.isOk()) {
-        ZEM_LOGE("%s - failed with error - %d", kOp, status.exceptionCode());
-        dropIfDead(m, status);
-        return -1;
-    }
-    return 0;
+    return done ? 0 : -1;
 }
 
 void zemAIDLClient::dropIfDead(const sp<IZEMManager>& m, const Status& status) {

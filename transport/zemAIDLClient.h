@@ -123,6 +123,17 @@ class zemAIDLClient : public zemTransportClient,
     // service up afresh instead of failing on it forever.
     void dropIfDead(const android::sp<IZEMManager>& m, const android::binder::Status& status);
 
+    // The manager for operation `op` on `token`, after the operation's
+    // "called for token" line; null, logged, when there is none yet.
+    android::sp<IZEMManager> managerFor(const char* op, const std::string& token)
+            ZEM_EXCLUDES(stateMutex);
+
+    // Makes one call to the daemon through `m` (call() returns its status),
+    // marked as waiting for the daemon. False after a failed call, logged
+    // for `op`, with a dead manager dropped.
+    template <typename Call>
+    bool callDaemon(const char* op, const android::sp<IZEMManager>& m, Call&& call);
+
     // Drops clientPtr if it still holds `self`.
     static void resetClientPtr(const zemAIDLClient* self);
 

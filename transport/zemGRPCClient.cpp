@@ -5,18 +5,14 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <utility>
 #include <vector>
 
 #include "collector/zem_collector.h"
 #include "common/Mutex.h"
 #include "common/ZemLog.h"
-#include "serializer/CacheFile.h"
 #include "transport/CacheFileParts.h"
 
 namespace {
@@ -271,34 +267,30 @@ int32_t zemGRPCClient::CommandStream() {
 
 int32_t zemGRPCClient::sendData(const std::string& filename, const std::string& token) {
     // A file that fits goes in one call, as it is; a larger one in parts,
-    // each a cache file image of its own. A missing file is sent empty.
-    std::string content;
-    if (!zem::readForDelivery(filename, &content)) return -1;
-    std::istringstream in(std::move(content));
-    zem::internal::CacheFileParts parts(in, kMaxSendBytes);
-    std::string part;
+    // each a cache file image of its own.
     int32_t result = 0;
-    while (parts.next(&part)) {
-        olvan::Data data;
-        data.set_data(std::move(part));
-        grpc::ClientContext context;
-        context.AddMetadata("clientid", token);
-        olvan::Response response;
-        grpc::Status status;
-        {
-            CallScope scope(link, &context);
-            status = stub->SendData(&context, data, &response);
-        }
-        if (!status.ok()) {
-            // The file stays whole; parts already sent come again with it.
-            ZEM_LOGE("SendData failed: %s", status.error_message().c_str());
-            return status.error_code();
-        }
-        if (result == 0) result = response.status();
-    }
-    // The transport succeeded: the daemon holds the bytes, whatever its status.
-    remove(filename.c_str());
-    return result;
+    int32_t failure = -1;  // a file that may not be sent
+    const bool delivered =
+            zem::internal::deliverInParts(filename, kMaxSendBytes, [&](std::string& part) {
+                olvan::Data data;
+                data.set_data(std::move(part));
+                grpc::ClientContext context;
+                context.AddMetadata("clientid", token);
+                olvan::Response response;
+                grpc::Status status;
+                {
+                    CallScope scope(link, &context);
+                    status = stub->SendData(&context, data, &response);
+                }
+                if (!status.ok()) {
+                    ZEM_LOGE("SendData failed: %s", status.error_message().c_str());
+                    failure = status.error_code();
+                    return false;
+                }
+                if (result == 0) result = response.status();
+                return true;
+            });
+    return delivered ? result : failure;
 }
 
 int32_t zemGRPCClient::deRegisterClient(const std::string& token) {
