@@ -18,8 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "TestUtil.h"
-#include "e2e_util.h"
+#include "BinderTestUtil.h"
 #include "platform/host/binder/HostWire.h"
 
 using android::BBinder;
@@ -32,37 +31,6 @@ using android::binder::Status;
 using namespace android::hostbinder;
 
 namespace {
-
-// Services of this test process stay invisible to every other test process.
-const bool kPrivateRegistry = [] {
-    setenv("HOST_BINDER_REGISTRY", ("binder_test_" + std::to_string(getpid())).c_str(), 1);
-    return true;
-}();
-
-std::unique_ptr<Parcel> parcelOf(const std::string& text) {
-    std::vector<uint8_t> b;
-    std::string digits;
-    for (char c : text) {
-        if (c != ' ') digits += c;
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        b.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-    }
-    auto p = std::make_unique<Parcel>();
-    p->setData(b.data(), b.size());
-    return p;
-}
-
-// binder_aidl_peer serving SERVICE, once it says it is ready.
-struct Daemon {
-    explicit Daemon(const std::string& service)
-        : child({BINDER_AIDL_PEER_BIN, "daemon", service}, dir.file("out"), dir.file("err")) {}
-    bool saw(const std::string& line) {
-        return zem_e2e::eventually([&] { return zem_e2e::count(child.out(), line + "\n") > 0; });
-    }
-    zem_test::TempDir dir;
-    zem_e2e::Child child;
-};
 
 class BinderRuntimeTest : public ::testing::Test {
   protected:
@@ -138,7 +106,7 @@ TEST_F(BinderRuntimeTest, RegistryErrorsGarbageAndDeathAcrossProcesses) {
     EXPECT_EQ(nullptr, sm->checkService(String16("nobody_serves_this")).get());
 
     // getService waits for a service that is not published yet.
-    Daemon daemon("runtime_daemon");
+    Peer daemon({"daemon", "runtime_daemon"});
     ASSERT_NE(nullptr, sm->getService(String16("runtime_daemon")).get());
     ASSERT_TRUE(daemon.saw("ready"));
     sp<IBinder> binder = sm->checkService(String16("runtime_daemon"));
@@ -154,7 +122,7 @@ TEST_F(BinderRuntimeTest, RegistryErrorsGarbageAndDeathAcrossProcesses) {
     wrongToken.writeUtf8AsUtf16("t");
     EXPECT_EQ(android::BAD_TYPE, binder->transact(3, wrongToken, &reply));
     // A second process cannot take a live service's name.
-    Daemon rival("runtime_daemon");
+    Peer rival({"daemon", "runtime_daemon"});
     EXPECT_TRUE(rival.saw("add-failed " + std::to_string(android::ALREADY_EXISTS)));
 
     // Garbage at the service socket and at the process endpoint: a header of
@@ -247,7 +215,7 @@ TEST_F(BinderRuntimeTest, TransactionsInFlightShareTheReceiversBufferAndNoneExce
 
     // A transaction larger than an idle receiver's buffer (half of it for a
     // one-way call) fails at the sender; one that fits is served.
-    Daemon daemon("limit_daemon");
+    Peer daemon({"daemon", "limit_daemon"});
     ASSERT_TRUE(daemon.saw("ready"));
     sp<IBinder> binder = sm->checkService(String16("limit_daemon"));
     ASSERT_NE(nullptr, binder.get());

@@ -6,8 +6,6 @@
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,9 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "TestUtil.h"
+#include "BinderTestUtil.h"
 #include "collector/zem_collector.h"
-#include "e2e_util.h"
 #include "metric.pb.h"
 #include "platform/host/binder/HostWire.h"
 #include "transport/IZEMCallback.h"
@@ -36,25 +33,7 @@ using android::binder::Status;
 
 namespace {
 
-// Services of this test process stay invisible to every other test process.
-const bool kPrivateRegistry = [] {
-    setenv("HOST_BINDER_REGISTRY", ("binder_test_" + std::to_string(getpid())).c_str(), 1);
-    return true;
-}();
-
 // ---- bytes ----------------------------------------------------------------
-
-std::vector<uint8_t> hex(const std::string& text) {
-    std::vector<uint8_t> out;
-    std::string digits;
-    for (char c : text) {
-        if (isxdigit(static_cast<unsigned char>(c))) digits += c;
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        out.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-    }
-    return out;
-}
 
 std::vector<uint8_t> bytesOf(const Parcel& p) {
     return std::vector<uint8_t>(p.data(), p.data() + p.dataSize());
@@ -383,19 +362,6 @@ TEST_F(BinderTransportTest,
 }
 
 // ---- against the generated classes ----------------------------------------------
-
-// binder_aidl_peer run with `args`; saw() waits for one whole line of its output.
-struct Peer {
-    explicit Peer(std::vector<std::string> args)
-        : child((args.insert(args.begin(), BINDER_AIDL_PEER_BIN), args), dir.file("out"),
-                dir.file("err")) {}
-    bool saw(const std::string& line) {
-        return zem_e2e::eventually(
-                [&] { return zem_e2e::count("\n" + child.out(), "\n" + line + "\n") > 0; });
-    }
-    zem_test::TempDir dir;
-    zem_e2e::Child child;
-};
 
 TEST_F(BinderTransportTest, GeneratedProxiesTalkToHandWrittenStubs) {
     sp<FakeManager> manager = new FakeManager();
