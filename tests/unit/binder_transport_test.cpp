@@ -2,13 +2,10 @@
 // stubs byte for byte against libbinder's layout and against the platform
 // code generator's classes (run in binder_aidl_peer), and zemAIDLClient's
 // table, events, deliveries and death handling.
-#include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
-#include <binder/ProcessState.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -362,41 +359,6 @@ TEST_F(BinderTransportTest,
 }
 
 // ---- against the generated classes ----------------------------------------------
-
-TEST_F(BinderTransportTest, GeneratedProxiesTalkToHandWrittenStubs) {
-    sp<FakeManager> manager = new FakeManager();
-    ASSERT_EQ(android::OK,
-              android::defaultServiceManager()->addService(String16("interop_mgr"), manager));
-    android::ProcessState::self()->startThreadPool();
-    Peer client({"client", "interop_mgr"});
-    ASSERT_TRUE(client.saw("deregistered 0")) << client.child.err();
-    EXPECT_TRUE(client.saw("registered 0 tok-peer-client"));
-    EXPECT_TRUE(client.saw("pending 0")) << "one-way: the stub's error never travels back";
-    EXPECT_TRUE(client.saw("sent 0 true"));
-    EXPECT_TRUE(client.saw("sent-fail -8 9 disk full"));
-    // The one-way call may be served after the calls that follow it, as
-    // with the platform's binder; the rest keep their order.
-    ASSERT_TRUE(zem_e2e::eventually([&] { return manager->callLog().size() == 5; }));
-    std::vector<std::string> calls = manager->callLog();
-    const auto pending = std::find(calls.begin(), calls.end(), "pending tok-peer-client");
-    ASSERT_NE(calls.end(), pending);
-    calls.erase(pending);
-    EXPECT_EQ((std::vector<std::string>{"register peer-client", "send tok-peer-client 0001feff 42",
-                                        "send fail-me ", "deregister tok-peer-client"}),
-              calls);
-
-    // The callback the generated client passed, called through our proxy.
-    sp<IZEMCallback> cb = manager->lastCallback();
-    ASSERT_NE(nullptr, cb.get());
-    EXPECT_NE(nullptr, android::IInterface::asBinder(cb)->remoteBinder());
-    int32_t result = 0;
-    ASSERT_TRUE(cb->onCampaignEvent(256, 1LL << 40, {0xca, 0xfe}, -5, "tok-peer-client", &result)
-                        .isOk());
-    EXPECT_EQ(257, result);
-    EXPECT_TRUE(client.saw("event 256 1099511627776 cafe -5 tok-peer-client"));
-    client.child.closeStdin();
-    EXPECT_EQ(0, client.child.waitExit()) << client.child.err();
-}
 
 // ---- zemAIDLClient ---------------------------------------------------------------
 
