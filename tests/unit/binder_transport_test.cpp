@@ -277,14 +277,11 @@ TEST_F(BinderTransportTest, StubsAnswerInLibbindersLayoutAndDispatchByTheRules) 
 
 // ---- proxy failure paths -----------------------------------------------------
 
-class CountingDefault : public IZEMManager {
+class DefaultManager : public IZEMManager {
   public:
     // Owned by a unique_ptr, never by sp<>: with the weak lifetime libutils
     // frees its reference bookkeeping when the object is deleted.
-    explicit CountingDefault(std::atomic<int>* destroyed) : destroyed(destroyed) {
-        extendObjectLifetime(OBJECT_LIFETIME_WEAK);
-    }
-    ~CountingDefault() override { ++*destroyed; }
+    DefaultManager() { extendObjectLifetime(OBJECT_LIFETIME_WEAK); }
     Status registerZEMClient(const std::string&, const sp<IZEMCallback>&,
                              std::string* token) override {
         *token = "from-default";
@@ -301,9 +298,6 @@ class CountingDefault : public IZEMManager {
 
   protected:
     IBinder* onAsBinder() override { return nullptr; }
-
-  private:
-    std::atomic<int>* const destroyed;
 };
 
 TEST_F(BinderTransportTest,
@@ -333,13 +327,10 @@ TEST_F(BinderTransportTest,
     std::string token;
     EXPECT_EQ(android::UNKNOWN_TRANSACTION,
               manager->registerZEMClient("n", nullptr, &token).transactionError());
-    // ... with one, its answer is the call's answer. A second one replaces
-    // (and destroys) the first; null is refused.
-    std::atomic<int> destroyed{0};
+    // ... with one, its answer is the call's answer; null is refused.
     EXPECT_FALSE(IZEMManager::setDefaultImpl(nullptr));
-    EXPECT_TRUE(IZEMManager::setDefaultImpl(std::make_unique<CountingDefault>(&destroyed)));
-    EXPECT_TRUE(IZEMManager::setDefaultImpl(std::make_unique<CountingDefault>(&destroyed)));
-    EXPECT_EQ(1, destroyed.load());
+    EXPECT_TRUE(IZEMManager::setDefaultImpl(std::make_unique<DefaultManager>()));
+    EXPECT_TRUE(IZEMManager::setDefaultImpl(std::make_unique<DefaultManager>()));
     EXPECT_TRUE(manager->registerZEMClient("n", nullptr, &token).isOk());
     EXPECT_EQ("from-default", token);
     EXPECT_EQ(77, manager->deregisterZEMClient("t").serviceSpecificErrorCode());
@@ -357,8 +348,6 @@ TEST_F(BinderTransportTest,
     EXPECT_EQ(static_cast<IZEMManager*>(local.get()), IZEMManager::asInterface(local).get());
     EXPECT_NE(nullptr, IZEMCallback::asInterface(remote).get());
 }
-
-// ---- against the generated classes ----------------------------------------------
 
 // ---- zemAIDLClient ---------------------------------------------------------------
 
@@ -389,6 +378,12 @@ class RecordingCollector : public zem_collector {
     std::atomic<int> stops{0}, lost{0};
 };
 
+// Each of `lines` (priority, message) logged exactly once in `log`.
+void expectLoggedOnce(const std::string& log,
+                      const std::vector<std::pair<char, std::string>>& lines) {
+    for (const auto& l : lines) EXPECT_EQ(1, zem_test::countLogLines(log, l.first, l.second));
+}
+
 class AIDLClientTest : public ::testing::Test {
   protected:
     zem_test::TempDir dir;
@@ -399,12 +394,10 @@ TEST_F(AIDLClientTest, WithoutTheServiceRegistrationFailsAndTheNextInstanceIsFre
     auto first = zemAIDLClient::getClientInstance();
     zem_test::LogCapture log;
     EXPECT_EQ(-1, first->registerClient("nosvc", 0x102, &a));
-    const std::string& text = log.text();
-    EXPECT_EQ(1, zem_test::countLogLines(text, 'I', "registerClient: called"));
-    EXPECT_EQ(1, zem_test::countLogLines(text, 'I', "registerClient - created threadpool"));
-    EXPECT_EQ(1, zem_test::countLogLines(text, 'E',
-                                         "setZEMBinder - zemsdkservice service not available yet"));
-    EXPECT_EQ(1, zem_test::countLogLines(text, 'E', "registerClient failed to set zem binder"));
+    expectLoggedOnce(log.text(), {{'I', "registerClient: called"},
+                                  {'I', "registerClient - created threadpool"},
+                                  {'E', "setZEMBinder - zemsdkservice service not available yet"},
+                                  {'E', "registerClient failed to set zem binder"}});
     EXPECT_NE(first.get(), zemAIDLClient::getClientInstance().get());
     EXPECT_EQ(-1, first->sendData(dir.file("none"), "t"));
     EXPECT_EQ(-1, first->deRegisterClient("t"));
@@ -418,13 +411,9 @@ TEST_F(AIDLClientTest, EventsReachTheRightCollectorAndDeathReachesEveryOne) {
         zem_test::LogCapture log;
         ASSERT_EQ(0, client->registerClient("alpha", 0x100, &a));
         ASSERT_EQ(0, zemAIDLClient::getClientInstance()->registerClient("beta", 0x100, &b));
-        const std::string& text = log.text();
-        EXPECT_EQ(1, zem_test::countLogLines(
-                             text, 'I', "setZEMBinder - got new instance of zem client binder"));
-        EXPECT_EQ(1, zem_test::countLogLines(text, 'I', "setZEMBinder: linkToDeath status: 0"));
-        EXPECT_EQ(1, zem_test::countLogLines(text, 'I',
-                                             "registerClient success. Token received - "
-                                             "alpha-1"));
+        expectLoggedOnce(log.text(), {{'I', "setZEMBinder - got new instance of zem client binder"},
+                                      {'I', "setZEMBinder: linkToDeath status: 0"},
+                                      {'I', "registerClient success. Token received - alpha-1"}});
     }
     EXPECT_EQ(client.get(), zemAIDLClient::getClientInstance().get()) << "one per process";
     EXPECT_EQ("alpha-1", a.getToken());
@@ -446,15 +435,11 @@ TEST_F(AIDLClientTest, EventsReachTheRightCollectorAndDeathReachesEveryOne) {
         client->forgetCollector(&b);
         daemon.child.send("event beta-2 512 1 0 -");
         ASSERT_TRUE(daemon.saw("event-result beta-2 512 0 -1"));
-        const std::string& text = log.text();
-        EXPECT_EQ(1,
-                  zem_test::countLogLines(
-                          text, 'I', "onCampaignEvent - camp stop event received, token - beta-2"));
-        EXPECT_EQ(1, zem_test::countLogLines(text, 'I',
-                                             "onCampaignEvent - camp start event received, camp "
-                                             "Id - 1, token - alpha-1"));
-        EXPECT_EQ(1, zem_test::countLogLines(text, 'E',
-                                             "onCampaignEvent - No entry found for token: beta-2"));
+        expectLoggedOnce(
+                log.text(),
+                {{'I', "onCampaignEvent - camp stop event received, token - beta-2"},
+                 {'I', "onCampaignEvent - camp start event received, camp Id - 1, token - alpha-1"},
+                 {'E', "onCampaignEvent - No entry found for token: beta-2"}});
     }
     EXPECT_EQ(1, b.stops.load());
     ASSERT_EQ(0, client->registerClient("beta", 0x100, &b));
