@@ -11,7 +11,7 @@
 //       "<name>-<n>". checkForPendingCampaign pushes CAMPAIGN_HEX (if given)
 //       to the caller's callback as event 256. Commands on standard input,
 //       one per line: "event TOKEN TYPE ID ARG HEX" calls onCampaignEvent;
-//       "quit" exits.
+//       any other line, or the end of input, exits.
 //
 // Every call made or received is printed as one line on standard output.
 #include <BnZEMManager.h>
@@ -102,11 +102,8 @@ class ScriptedDaemon : public BnZEMManager {
         {
             std::lock_guard<std::mutex> lock(mutex);
             auto it = callbacks.find(token);
-            if (it != callbacks.end()) cb = it->second;
-        }
-        if (cb == nullptr) {
-            say("no-callback " + token);
-            return;
+            if (it == callbacks.end()) return;
+            cb = it->second;
         }
         int32_t result = 12345;
         const Status status = cb->onCampaignEvent(type, id, config, arg, token, &result);
@@ -134,16 +131,12 @@ int runDaemon(const std::string& service, const std::vector<uint8_t>& campaign) 
     std::string line;
     while (std::getline(std::cin, line)) {
         std::istringstream in(line);
-        std::string cmd;
-        in >> cmd;
-        if (cmd == "quit") break;
-        if (cmd == "event") {
-            std::string token, hex;
-            int32_t type = 0, arg = 0;
-            int64_t id = 0;
-            in >> token >> type >> id >> arg >> hex;
-            daemon->push(token, type, id, arg, fromHex(hex));
-        }
+        std::string cmd, token, hex;
+        int32_t type = 0, arg = 0;
+        int64_t id = 0;
+        in >> cmd >> token >> type >> id >> arg >> hex;
+        if (cmd != "event") break;
+        daemon->push(token, type, id, arg, fromHex(hex));
     }
     return 0;
 }

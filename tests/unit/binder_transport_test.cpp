@@ -76,46 +76,31 @@ class Recorder : public BBinder {
     int calls = 0;
 };
 
+// Stubs with scripted answers; each call made is written to `calls`.
 class FakeManager : public BnZEMManager {
   public:
     Status registerZEMClient(const std::string& name, const sp<IZEMCallback>& cb,
                              std::string* token) override {
-        std::lock_guard<std::mutex> lock(mutex);
         calls.push_back("register " + name);
         callback = cb;
-        if (name == "refuse") return Status::fromServiceSpecificError(7, "full");
         *token = "tok-" + name;
         return Status::ok();
     }
     Status checkForPendingCampaign(const std::string& token) override {
-        std::lock_guard<std::mutex> lock(mutex);
         calls.push_back("pending " + token);
         return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE, "ignored");
     }
     Status deregisterZEMClient(const std::string& token) override {
-        std::lock_guard<std::mutex> lock(mutex);
         calls.push_back("deregister " + token);
         return Status::ok();
     }
     Status sendData(const std::vector<uint8_t>& data, const std::string& token,
                     bool* result) override {
-        std::lock_guard<std::mutex> lock(mutex);
         calls.push_back("send " + token + " " + hexDump(data));
         if (token == "fail-me") return Status::fromServiceSpecificError(9, "disk full");
         *result = true;
         return Status::ok();
     }
-    std::vector<std::string> callLog() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return calls;
-    }
-    sp<IZEMCallback> lastCallback() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return callback;
-    }
-
-  private:
-    std::mutex mutex;
     std::vector<std::string> calls;
     sp<IZEMCallback> callback;
 };
@@ -125,20 +110,12 @@ class FakeCallback : public BnZEMCallback {
     Status onCampaignEvent(int32_t eventType, int64_t campaignId,
                            const std::vector<uint8_t>& config, int32_t eventArg,
                            const std::string& token, int32_t* result) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(std::to_string(eventType) + " " + std::to_string(campaignId) + " " +
-                         hexDump(config) + "|" + std::to_string(eventArg) + " " + token);
+        calls.push_back(std::to_string(eventType) + " " + std::to_string(campaignId) + " " +
+                        hexDump(config) + "|" + std::to_string(eventArg) + " " + token);
         *result = 40 + eventType;
         return Status::ok();
     }
-    std::vector<std::string> received() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return events;
-    }
-
-  private:
-    std::mutex mutex;
-    std::vector<std::string> events;
+    std::vector<std::string> calls;
 };
 
 // ---- golden bytes ----------------------------------------------------------
@@ -253,8 +230,8 @@ TEST_F(BinderTransportTest, StubsAnswerInLibbindersLayoutAndDispatchByTheRules) 
     // Bad requests never reach the implementation.
     EXPECT_EQ(
             (std::vector<std::string>{"send t1 ", "send fail-me ", "deregister t1", "pending t1"}),
-            manager->callLog());
-    EXPECT_EQ((std::vector<std::string>{"512 5 aa|77 t1"}), callback->received());
+            manager->calls);
+    EXPECT_EQ((std::vector<std::string>{"512 5 aa|77 t1"}), callback->calls);
 
     // registerZEMClient: the token after an ok status; a missing callback is
     // refused.
@@ -269,7 +246,7 @@ TEST_F(BinderTransportTest, StubsAnswerInLibbindersLayoutAndDispatchByTheRules) 
         EXPECT_BYTES(hex(passed != nullptr ? "00000000 05000000 74006f00 6b002d00 78000000" : ""),
                      bytesOf(reply));
     }
-    EXPECT_EQ(cb.get(), manager->lastCallback().get()) << "a local binder stays local";
+    EXPECT_EQ(cb.get(), manager->callback.get()) << "a local binder stays local";
     Parcel none, iface;
     ASSERT_EQ(android::OK, callback->transact(IBinder::INTERFACE_TRANSACTION, none, &iface));
     EXPECT_EQ(String16("IZEMCallback"), iface.readString16());
