@@ -105,9 +105,7 @@ TEST_F(BinderRuntimeTest, RegistryErrorsUnknownObjectsAndDeathAcrossProcesses) {
 
     // getService waits for a service that is not published yet.
     Peer daemon({"daemon", "runtime_daemon"});
-    ASSERT_NE(nullptr, sm->getService(String16("runtime_daemon")).get());
-    ASSERT_TRUE(daemon.saw("ready"));
-    sp<IBinder> binder = sm->checkService(String16("runtime_daemon"));
+    sp<IBinder> binder = sm->getService(String16("runtime_daemon"));
     ASSERT_NE(nullptr, binder.get());
     EXPECT_EQ(binder.get(), sm->checkService(String16("runtime_daemon")).get())
             << "one proxy per remote object";
@@ -129,7 +127,6 @@ TEST_F(BinderRuntimeTest, RegistryErrorsUnknownObjectsAndDeathAcrossProcesses) {
     unknownObject.kind = kTransact;
     unknownObject.object = 999999;
     const int fd = connectAbstract(binder->remoteBinder()->endpoint());
-    ASSERT_GE(fd, 0);
     setReceiveTimeout(fd, 10000);
     FrameHeader answer;
     ASSERT_TRUE(writeFully(fd, &unknownObject, sizeof(unknownObject)));
@@ -160,30 +157,22 @@ TEST_F(BinderRuntimeTest, TransactionsInFlightShareTheReceiversBufferAndNoneExce
     EXPECT_EQ(8u + 16u, bufferBytes(8, 2)) << "each object adds its 8-byte offset";
     BufferBudget budget;
     const size_t third = kProcessBufferBytes / 3;
-    struct Step {
-        bool reserve;  // false: release
+    // One-way calls get half the buffer, two-way ones the rest, until the
+    // whole buffer is taken.
+    const struct {
         size_t bytes;
-        bool oneway;
-        bool fits;
+        bool oneway, fits;
     } steps[] = {
-            {true, third, true, true},
-            {true, third, true, false},       // one-way calls get half
-                                              // the buffer
-            {true, third, false, true},       // two-way ones the rest
-            {true, third + 8, false, false},  // the whole buffer is taken
-            {true, third, false, true},
-            {true, 8, false, false},
-            {false, third, true, true},
-            {true, third, true, true},  // room again once a call was served
+            {third, true, true},       {third, true, false}, {third, false, true},
+            {third + 8, false, false}, {third, false, true}, {8, false, false},
     };
-    for (const Step& st : steps) {
-        if (st.reserve) {
-            EXPECT_EQ(st.fits, budget.reserve(st.bytes, st.oneway))
-                    << st.bytes << (st.oneway ? " one-way" : " two-way");
-        } else {
-            budget.release(st.bytes, st.oneway);
-        }
+    for (const auto& st : steps) {
+        EXPECT_EQ(st.fits, budget.reserve(st.bytes, st.oneway))
+                << st.bytes << (st.oneway ? " one-way" : " two-way");
     }
+    // Room again once a call was served.
+    budget.release(third, true);
+    EXPECT_TRUE(budget.reserve(third, true));
 
     // A transaction larger than an idle receiver's buffer (half of it for a
     // one-way call) fails at the sender; one that fits is served.
