@@ -1,22 +1,19 @@
 // binder_aidl_peer: the other side of the binder transport's tests, built
 // only from the platform code generator's classes (BnZEMManager,
-// BpZEMCallback, BpZEMManager, BnZEMCallback) on the host binder runtime, so
-// that the hand-written proxies and stubs are checked against an independent
-// implementation of the same wire contract. It runs as its own process: the
-// generated classes share their names with the hand-written ones.
+// BpZEMCallback) on the host binder runtime, so that the hand-written manager
+// proxy and callback stub are checked against an independent implementation
+// of the same wire contract (the transport test's byte tables hold the
+// hand-written manager stub and callback proxy to the layout these accept). It runs as its own
+// process: the generated classes share their names with the hand-written ones.
 //
 //   binder_aidl_peer daemon SERVICE [CAMPAIGN_HEX]
 //       Serves a scripted IZEMManager under SERVICE. Tokens are
 //       "<name>-<n>". checkForPendingCampaign pushes CAMPAIGN_HEX (if given)
 //       to the caller's callback as event 256. Commands on standard input,
 //       one per line: "event TOKEN TYPE ID ARG HEX" calls onCampaignEvent;
-//       "quit" exits.
-//   binder_aidl_peer client SERVICE
-//       Calls every IZEMManager operation on SERVICE once, then serves its
-//       IZEMCallback until standard input ends.
+//       any other line, or the end of input, exits.
 //
 // Every call made or received is printed as one line on standard output.
-#include <BnZEMCallback.h>
 #include <BnZEMManager.h>
 #include <IZEMCallback.h>
 #include <IZEMManager.h>
@@ -25,7 +22,6 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include <cinttypes>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -106,11 +102,8 @@ class ScriptedDaemon : public BnZEMManager {
         {
             std::lock_guard<std::mutex> lock(mutex);
             auto it = callbacks.find(token);
-            if (it != callbacks.end()) cb = it->second;
-        }
-        if (cb == nullptr) {
-            say("no-callback " + token);
-            return;
+            if (it == callbacks.end()) return;
+            cb = it->second;
         }
         int32_t result = 12345;
         const Status status = cb->onCampaignEvent(type, id, config, arg, token, &result);
@@ -123,19 +116,6 @@ class ScriptedDaemon : public BnZEMManager {
     std::mutex mutex;
     int next = 0;
     std::map<std::string, sp<IZEMCallback>> callbacks;
-};
-
-class PrintingCallback : public BnZEMCallback {
-  public:
-    Status onCampaignEvent(int32_t eventType, int64_t campaignId,
-                           const std::vector<uint8_t>& campaignConfig, int32_t eventArg,
-                           const std::string& token, int32_t* result) override {
-        say("event " + std::to_string(eventType) + " " + std::to_string(campaignId) + " " +
-            toHex(campaignConfig) + " " + std::to_string(eventArg) + " " + token);
-        // Distinct from anything the caller might invent.
-        *result = eventType + 1;
-        return Status::ok();
-    }
 };
 
 int runDaemon(const std::string& service, const std::vector<uint8_t>& campaign) {
@@ -151,43 +131,12 @@ int runDaemon(const std::string& service, const std::vector<uint8_t>& campaign) 
     std::string line;
     while (std::getline(std::cin, line)) {
         std::istringstream in(line);
-        std::string cmd;
-        in >> cmd;
-        if (cmd == "quit") break;
-        if (cmd == "event") {
-            std::string token, hex;
-            int32_t type = 0, arg = 0;
-            int64_t id = 0;
-            in >> token >> type >> id >> arg >> hex;
-            daemon->push(token, type, id, arg, fromHex(hex));
-        }
-    }
-    return 0;
-}
-
-int runClient(const std::string& service) {
-    android::ProcessState::self()->startThreadPool();
-    sp<IZEMManager> manager;
-    if (android::getService(String16(service.c_str()), &manager) != android::OK) {
-        say("no-service");
-        return 1;
-    }
-    sp<IZEMCallback> callback = new PrintingCallback();
-    std::string token;
-    Status s = manager->registerZEMClient("peer-client", callback, &token);
-    say("registered " + std::to_string(s.exceptionCode()) + " " + token);
-    s = manager->checkForPendingCampaign(token);
-    say("pending " + std::to_string(s.exceptionCode()));
-    bool ok = false;
-    s = manager->sendData({0x00, 0x01, 0xfe, 0xff, 0x42}, token, &ok);
-    say("sent " + std::to_string(s.exceptionCode()) + " " + (ok ? "true" : "false"));
-    s = manager->sendData({}, "fail-me", &ok);
-    say("sent-fail " + std::to_string(s.exceptionCode()) + " " +
-        std::to_string(s.serviceSpecificErrorCode()) + " " + s.exceptionMessage().string());
-    s = manager->deregisterZEMClient(token);
-    say("deregistered " + std::to_string(s.exceptionCode()));
-    std::string line;
-    while (std::getline(std::cin, line)) {
+        std::string cmd, token, hex;
+        int32_t type = 0, arg = 0;
+        int64_t id = 0;
+        in >> cmd >> token >> type >> id >> arg >> hex;
+        if (cmd != "event") break;
+        daemon->push(token, type, id, arg, fromHex(hex));
     }
     return 0;
 }
@@ -199,10 +148,8 @@ int main(int argc, char** argv) {
     int status = 2;
     if (args.size() >= 2 && args[0] == "daemon") {
         status = runDaemon(args[1], args.size() >= 3 ? fromHex(args[2]) : std::vector<uint8_t>());
-    } else if (args.size() == 2 && args[0] == "client") {
-        status = runClient(args[1]);
     } else {
-        fprintf(stderr, "usage: binder_aidl_peer daemon SERVICE [CAMPAIGN_HEX] | client SERVICE\n");
+        fprintf(stderr, "usage: binder_aidl_peer daemon SERVICE [CAMPAIGN_HEX]\n");
     }
     // Binder pool threads may still run: leave without destroying the
     // generated classes' static descriptors under them.

@@ -1,15 +1,13 @@
 // The host binder runtime: parcels and statuses, the service registry and
-// death notification across processes, the receiver's transaction buffer, the
-// order of one-way calls, and peers that send garbage. The other process is
-// binder_aidl_peer serving its IZEMManager.
+// death notification across processes, the receiver's transaction buffer and
+// the order of one-way calls. The other process is binder_aidl_peer serving
+// its IZEMManager.
 #include <binder/BpBinder.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <binder/Status.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,8 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "TestUtil.h"
-#include "e2e_util.h"
+#include "BinderTestUtil.h"
 #include "platform/host/binder/HostWire.h"
 
 using android::BBinder;
@@ -32,37 +29,6 @@ using android::binder::Status;
 using namespace android::hostbinder;
 
 namespace {
-
-// Services of this test process stay invisible to every other test process.
-const bool kPrivateRegistry = [] {
-    setenv("HOST_BINDER_REGISTRY", ("binder_test_" + std::to_string(getpid())).c_str(), 1);
-    return true;
-}();
-
-std::unique_ptr<Parcel> parcelOf(const std::string& text) {
-    std::vector<uint8_t> b;
-    std::string digits;
-    for (char c : text) {
-        if (c != ' ') digits += c;
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        b.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-    }
-    auto p = std::make_unique<Parcel>();
-    p->setData(b.data(), b.size());
-    return p;
-}
-
-// binder_aidl_peer serving SERVICE, once it says it is ready.
-struct Daemon {
-    explicit Daemon(const std::string& service)
-        : child({BINDER_AIDL_PEER_BIN, "daemon", service}, dir.file("out"), dir.file("err")) {}
-    bool saw(const std::string& line) {
-        return zem_e2e::eventually([&] { return zem_e2e::count(child.out(), line + "\n") > 0; });
-    }
-    zem_test::TempDir dir;
-    zem_e2e::Child child;
-};
 
 class BinderRuntimeTest : public ::testing::Test {
   protected:
@@ -134,14 +100,12 @@ class Obituaries : public IBinder::DeathRecipient {
     std::atomic<int> count{0};
 };
 
-TEST_F(BinderRuntimeTest, RegistryErrorsGarbageAndDeathAcrossProcesses) {
+TEST_F(BinderRuntimeTest, RegistryErrorsUnknownObjectsAndDeathAcrossProcesses) {
     EXPECT_EQ(nullptr, sm->checkService(String16("nobody_serves_this")).get());
 
     // getService waits for a service that is not published yet.
-    Daemon daemon("runtime_daemon");
-    ASSERT_NE(nullptr, sm->getService(String16("runtime_daemon")).get());
-    ASSERT_TRUE(daemon.saw("ready"));
-    sp<IBinder> binder = sm->checkService(String16("runtime_daemon"));
+    Peer daemon({"daemon", "runtime_daemon"});
+    sp<IBinder> binder = sm->getService(String16("runtime_daemon"));
     ASSERT_NE(nullptr, binder.get());
     EXPECT_EQ(binder.get(), sm->checkService(String16("runtime_daemon")).get())
             << "one proxy per remote object";
@@ -154,48 +118,21 @@ TEST_F(BinderRuntimeTest, RegistryErrorsGarbageAndDeathAcrossProcesses) {
     wrongToken.writeUtf8AsUtf16("t");
     EXPECT_EQ(android::BAD_TYPE, binder->transact(3, wrongToken, &reply));
     // A second process cannot take a live service's name.
-    Daemon rival("runtime_daemon");
+    Peer rival({"daemon", "runtime_daemon"});
     EXPECT_TRUE(rival.saw("add-failed " + std::to_string(android::ALREADY_EXISTS)));
 
-    // Garbage at the service socket and at the process endpoint: a header of
-    // nonsense, an oversized parcel, an object offset outside the data, a
-    // connection that says nothing, an unknown object. The daemon keeps
-    // serving.
-    auto sendRaw = [](const std::string& name, const void* bytes, size_t len) {
-        const int fd = connectAbstract(name);
-        if (fd < 0) return;
-        writeFully(fd, bytes, len);
-        char c;
-        setReceiveTimeout(fd, 3000);
-        recv(fd, &c, 1, 0);
-        close(fd);
-    };
-    const std::string junk(64, 'x');
-    sendRaw("host_binder/" + std::to_string(getuid()) + "/" + getenv("HOST_BINDER_REGISTRY") +
-                    "/svc/runtime_daemon",
-            junk.data(), junk.size());
-    const std::string endpoint = binder->remoteBinder()->endpoint();
-    FrameHeader huge;
-    huge.kind = kTransact;
-    huge.object = binder->remoteBinder()->objectId();
-    huge.code = 1;
-    huge.dataSize = 0xfffffff0u;
-    sendRaw(endpoint, &huge, sizeof(huge));
-    struct {
-        FrameHeader h;
-        uint8_t data[8];
-        uint64_t offset;
-    } badObject{};
-    badObject.h = huge;
-    badObject.h.dataSize = 8;
-    badObject.h.objectCount = 1;
-    badObject.offset = 4;
-    sendRaw(endpoint, &badObject, sizeof(badObject));
-    sendRaw(endpoint, nullptr, 0);
-    FrameHeader unknownObject = huge;
-    unknownObject.dataSize = 0;
+    // A transaction for an object the daemon does not hold is answered as
+    // dead, and the daemon keeps serving.
+    FrameHeader unknownObject;
+    unknownObject.kind = kTransact;
     unknownObject.object = 999999;
-    sendRaw(endpoint, &unknownObject, sizeof(unknownObject));
+    const int fd = connectAbstract(binder->remoteBinder()->endpoint());
+    setReceiveTimeout(fd, 10000);
+    FrameHeader answer;
+    ASSERT_TRUE(writeFully(fd, &unknownObject, sizeof(unknownObject)));
+    ASSERT_TRUE(readFully(fd, &answer, sizeof(answer)));
+    close(fd);
+    EXPECT_EQ(android::DEAD_OBJECT, answer.status);
     EXPECT_EQ(android::UNKNOWN_TRANSACTION, binder->transact(5, unknownCode, &reply));
 
     // Death: each linked recipient hears it once, later calls fail at once.
@@ -220,34 +157,26 @@ TEST_F(BinderRuntimeTest, TransactionsInFlightShareTheReceiversBufferAndNoneExce
     EXPECT_EQ(8u + 16u, bufferBytes(8, 2)) << "each object adds its 8-byte offset";
     BufferBudget budget;
     const size_t third = kProcessBufferBytes / 3;
-    struct Step {
-        bool reserve;  // false: release
+    // One-way calls get half the buffer, two-way ones the rest, until the
+    // whole buffer is taken.
+    const struct {
         size_t bytes;
-        bool oneway;
-        bool fits;
+        bool oneway, fits;
     } steps[] = {
-            {true, third, true, true},
-            {true, third, true, false},       // one-way calls get half
-                                              // the buffer
-            {true, third, false, true},       // two-way ones the rest
-            {true, third + 8, false, false},  // the whole buffer is taken
-            {true, third, false, true},
-            {true, 8, false, false},
-            {false, third, true, true},
-            {true, third, true, true},  // room again once a call was served
+            {third, true, true},       {third, true, false}, {third, false, true},
+            {third + 8, false, false}, {third, false, true}, {8, false, false},
     };
-    for (const Step& st : steps) {
-        if (st.reserve) {
-            EXPECT_EQ(st.fits, budget.reserve(st.bytes, st.oneway))
-                    << st.bytes << (st.oneway ? " one-way" : " two-way");
-        } else {
-            budget.release(st.bytes, st.oneway);
-        }
+    for (const auto& st : steps) {
+        EXPECT_EQ(st.fits, budget.reserve(st.bytes, st.oneway))
+                << st.bytes << (st.oneway ? " one-way" : " two-way");
     }
+    // Room again once a call was served.
+    budget.release(third, true);
+    EXPECT_TRUE(budget.reserve(third, true));
 
     // A transaction larger than an idle receiver's buffer (half of it for a
     // one-way call) fails at the sender; one that fits is served.
-    Daemon daemon("limit_daemon");
+    Peer daemon({"daemon", "limit_daemon"});
     ASSERT_TRUE(daemon.saw("ready"));
     sp<IBinder> binder = sm->checkService(String16("limit_daemon"));
     ASSERT_NE(nullptr, binder.get());
