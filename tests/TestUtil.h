@@ -111,7 +111,8 @@ inline olvan::KPIData counterRecord(uint32_t id, uint64_t value) {
 // Stands in for the collector behind a serializer: takes every finished file
 // the way the transports do (read whole as a cache file, then removed) and
 // notes its name, bytes and mode. `onDelivery` runs after each file was taken,
-// on the thread that delivers.
+// on the thread that delivers. With `refuse` set it notes only the name and
+// leaves the file, as a transport whose daemon refuses the delivery.
 class RecordingCollector : public zem_collector {
   public:
     struct Delivered {
@@ -123,6 +124,11 @@ class RecordingCollector : public zem_collector {
     explicit RecordingCollector(const std::string& dir) : zem_collector(cacheDirCfg(dir)) {}
 
     int SendData(const std::string& filename) override {
+        if (refuse) {
+            std::lock_guard<std::mutex> lock(mutex);
+            files.push_back({filename, "", 0});
+            return -1;
+        }
         struct stat st {};
         lstat(filename.c_str(), &st);
         std::string bytes;
@@ -142,6 +148,7 @@ class RecordingCollector : public zem_collector {
     }
 
     std::function<void()> onDelivery;
+    bool refuse = false;  // set before the first delivery
 
   private:
     std::mutex mutex;

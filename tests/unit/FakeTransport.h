@@ -1,9 +1,11 @@
 // An in-process transport client for collector tests: records every call,
 // answers registration with a scripted sequence of results, and takes
 // delivered files the way a successful transport does (reads, then removes).
+// With `hold` set, registration waits until release(), like a binder call
+// that cannot be cancelled.
 #pragma once
 
-#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -23,16 +25,13 @@ class FakeTransport : public zemTransportClient {
         std::string bytes;
     };
 
-    // Results of successive registerClient calls; 0 once the list runs out.
-    explicit FakeTransport(std::deque<int> registerResults = {}, std::string token = "tok-1")
-        : results(std::move(registerResults)), tokenToHand(std::move(token)) {}
-
     int32_t registerClient(const std::string& name, uint32_t version,
                            zem_collector* collector) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        attempts.push_back(std::chrono::steady_clock::now());
+        std::unique_lock<std::mutex> lock(mutex);
+        ++attempts;
         lastName = name;
         lastVersion = version;
+        cv.wait(lock, [this] { return !hold; });
         int rc = 0;
         if (!results.empty()) {
             rc = results.front();
@@ -67,7 +66,7 @@ class FakeTransport : public zemTransportClient {
 
     size_t attemptCount() {
         std::lock_guard<std::mutex> lock(mutex);
-        return attempts.size();
+        return attempts;
     }
     std::vector<Sent> sentFiles() {
         std::lock_guard<std::mutex> lock(mutex);
@@ -77,11 +76,18 @@ class FakeTransport : public zemTransportClient {
         std::lock_guard<std::mutex> lock(mutex);
         sendResult = rc;
     }
+    void release() {
+        std::lock_guard<std::mutex> lock(mutex);
+        hold = false;
+        cv.notify_all();
+    }
 
     std::mutex mutex;
-    std::deque<int> results;
-    std::string tokenToHand;
-    std::vector<std::chrono::steady_clock::time_point> attempts;
+    std::condition_variable cv;
+    bool hold = false;
+    std::deque<int> results;  // of successive registrations; 0 once they run out
+    std::string tokenToHand = "tok-1";
+    size_t attempts = 0;
     std::string lastName;
     uint32_t lastVersion = 0;
     zem_collector* registered = nullptr;

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <map>
 
 #include "FakeTransport.h"
@@ -19,6 +18,7 @@ using zem_test::FakeTransport;
 using zem_test::LogCapture;
 using zem_test::TempDir;
 using zem_test::waitFor;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -75,6 +75,7 @@ class CollectorTest : public ::testing::Test {
         zem::internal::setTransportFactory(nullptr);
         zem::internal::setRetryDelay(std::chrono::milliseconds(0));
         zem::internal::setDisposePatience(std::chrono::milliseconds(0));
+        zem::internal::setThreadStartFailure(false);
     }
 
     zem_cfg_s cfg(uint32_t transportValue = ZEM_TRANSPORT_GRPC) {
@@ -107,55 +108,12 @@ TEST_F(CollectorTest, SamplesThroughTheCApiArriveAsOneParsableFilePerCampaign) {
     zem_handle h = registered();
     EXPECT_EQ("cam", transport->lastName);
     EXPECT_EQ(0x0102u, transport->lastVersion);
+    EXPECT_EQ(-1, zem_log(h, 10, 5));  // no campaign yet
 
-    EXPECT_EQ(-1, zem_log(h, 1, 5));  // no campaign yet
-    LTCCampaignDef def = campaign({counterCfg(1, 3), blobCfg(2, 2, 16)});
-    def.set_cfg_payload(std::string("\0pay", 4));
-    gStartResult = 7;
-    EXPECT_EQ(7, h->StartCampaign(def.SerializeAsString()));
-    EXPECT_EQ(1, gStartCalls.load());
-    EXPECT_EQ(std::string("\0pay", 4), gPayload);
-
-    for (uint32_t v : {5u, 7u, 0u, 100u}) EXPECT_EQ(0, zem_log(h, 1, v));
-    const uint8_t a[] = {1, 2, 3}, b[] = {4, 5};
-    EXPECT_EQ(0, zem_log_blob(h, 2, a, sizeof a));
-    EXPECT_EQ(0, zem_log_blob(h, 2, b, sizeof b));
-    EXPECT_EQ(-1, zem_log_blob(h, 2, nullptr, 4));  // refused, nothing counted
-    EXPECT_EQ(0, zem_log_blob(h, 2, nullptr, 0));
-
-    gStopResult = 3;
-    EXPECT_EQ(3, h->StopCampaign());
-    EXPECT_EQ(-1, zem_log(h, 1, 1));
-
-    auto sent = transport->sentFiles();
-    ASSERT_EQ(1u, sent.size());
-    EXPECT_EQ("tok-1", sent[0].token);
-    EXPECT_FALSE(zem_test::readFile(sent[0].filename).size());  // removed after delivery
-    olvan::KPIData data;
-    ASSERT_TRUE(data.ParseFromString(sent[0].bytes));
-    EXPECT_EQ(olvan::V1, data.version());
-    // Counter: the window of 3 closed on the 4th sample, the open window of
-    // one sample was serialized at stop.
-    ASSERT_EQ(2, data.counters_size());
-    EXPECT_EQ(12u, data.counters(0).value());
-    EXPECT_EQ(3u, data.counters(0).meta().nof_samples());
-    EXPECT_EQ(100u, data.counters(1).value());
-    EXPECT_EQ(1u, data.counters(1).meta().nof_samples());
-    // Blob: emitted on its 2nd sample; the zero-length one sat alone at stop.
-    ASSERT_EQ(2, data.blobs_size());
-    EXPECT_EQ(std::string("\1\2\3\4\5"), data.blobs(0).data());
-    EXPECT_EQ(1u, data.blobs(1).meta().nof_samples());
-
-    EXPECT_EQ(0, zem_deregister(h));
-    EXPECT_EQ(std::vector<std::string>{"tok-1"}, transport->deregistered);
-    // The client no longer knows the destroyed collector.
-    EXPECT_EQ(nullptr, transport->registered);
-    EXPECT_GE(transport->forgotten, 1);
-}
-
-TEST_F(CollectorTest, EveryNumericClassAggregatesAlikeWhateverItsWindowKind) {
-    // Windows that count samples take the collector's short path; duration
-    // windows the general one. Both must give the records the windows define.
+    // Every numeric class with a window of two samples (ids x0), of a minute
+    // (x1) and none (x2): windows that count samples take the collector's
+    // short path, duration windows the general one. Both must give the
+    // records the windows define. Blob 2 closes on its second sample.
     std::string text;
     const char* windows[] = {"nof_samples: 2", "duration_msecs: 60000", ""};
     const char* classes[] = {"subType: COUNTER", "subType: GAUGE g_cfg { max: true }",
@@ -170,26 +128,43 @@ TEST_F(CollectorTest, EveryNumericClassAggregatesAlikeWhateverItsWindowKind) {
     LTCCampaignDef def;
     ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(
             text + "size_threshold: 4096 time_threshold: 60", &def));
-    zem_handle h = registered();
-    ASSERT_EQ(0, h->StartCampaign(def.SerializeAsString()));
-    const uint32_t values[] = {5, 7, 0, 100, 50};
-    for (uint32_t v : values) {
+    *def.add_kpicfgs() = blobCfg(2, 2, 16);
+    def.set_cfg_payload(std::string("\0pay", 4));
+    gStartResult = 7;
+    EXPECT_EQ(7, h->StartCampaign(def.SerializeAsString()));
+    EXPECT_EQ(1, gStartCalls.load());
+    EXPECT_EQ(std::string("\0pay", 4), gPayload);
+
+    for (uint32_t v : {5u, 7u, 0u, 100u, 50u}) {
         for (uint32_t id : {10u, 11u, 12u, 20u, 21u, 22u, 30u, 31u, 32u}) {
             ASSERT_EQ(0, zem_log(h, id, v)) << id;
         }
     }
-    EXPECT_EQ(0, h->StopCampaign());
+    const uint8_t a[] = {1, 2, 3}, b[] = {4, 5};
+    EXPECT_EQ(0, zem_log_blob(h, 2, a, sizeof a));
+    EXPECT_EQ(0, zem_log_blob(h, 2, b, sizeof b));
+    EXPECT_EQ(-1, zem_log_blob(h, 2, nullptr, 4));  // refused, nothing counted
+    EXPECT_EQ(0, zem_log_blob(h, 2, nullptr, 0));
+
+    gStopResult = 3;
+    EXPECT_EQ(3, h->StopCampaign());
+    EXPECT_EQ(-1, zem_log(h, 10, 1));
+
     auto sent = transport->sentFiles();
     ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ("tok-1", sent[0].token);
+    EXPECT_FALSE(zem_test::readFile(sent[0].filename).size());  // removed after delivery
     olvan::KPIData data;
     ASSERT_TRUE(data.ParseFromString(sent[0].bytes));
+    EXPECT_EQ(olvan::V1, data.version());
 
-    // Samples per window, by id: two-sample windows, one window for the
-    // minute, and one window per sample when there is no window at all.
+    // Samples per window, by id: a window closes on its last sample, the open
+    // one is serialized at stop; no window at all is one window per sample.
     std::map<uint32_t, std::vector<uint64_t>> counts;
     for (const auto& r : data.counters()) counts[r.meta().id()].push_back(r.meta().nof_samples());
     for (const auto& r : data.gauges()) counts[r.meta().id()].push_back(r.meta().nof_samples());
     for (const auto& r : data.histograms()) counts[r.meta().id()].push_back(r.meta().nof_samples());
+    for (const auto& r : data.blobs()) counts[r.meta().id()].push_back(r.meta().nof_samples());
     for (uint32_t base : {10u, 20u, 30u}) {
         EXPECT_EQ((std::vector<uint64_t>{2, 2, 1}), counts[base]) << base;
         EXPECT_EQ((std::vector<uint64_t>{5}), counts[base + 1]) << base + 1;
@@ -203,7 +178,15 @@ TEST_F(CollectorTest, EveryNumericClassAggregatesAlikeWhateverItsWindowKind) {
     EXPECT_EQ((std::vector<uint64_t>{5, 7, 0, 100, 50}), sums[12]);
     EXPECT_EQ((std::vector<uint64_t>{7, 100, 50}), maxes[20]);
     EXPECT_EQ((std::vector<uint64_t>{100}), maxes[21]);
-    zem_deregister(h);
+    // The zero-length blob sat alone at stop.
+    EXPECT_EQ((std::vector<uint64_t>{2, 1}), counts[2]);
+    EXPECT_EQ(std::string("\1\2\3\4\5"), data.blobs(0).data());
+
+    EXPECT_EQ(0, zem_deregister(h));
+    EXPECT_EQ(std::vector<std::string>{"tok-1"}, transport->deregistered);
+    // The client no longer knows the destroyed collector.
+    EXPECT_EQ(nullptr, transport->registered);
+    EXPECT_GE(transport->forgotten, 1);
 }
 
 TEST_F(CollectorTest, DispatchChecksIdAndTypeWithTheirOwnCodes) {
@@ -215,16 +198,15 @@ TEST_F(CollectorTest, DispatchChecksIdAndTypeWithTheirOwnCodes) {
               h->StartCampaign(
                       campaign({counterCfg(1, 10), blobCfg(2, 10, 8), state}).SerializeAsString()));
 
-    EXPECT_EQ(-1, zem_log(nullptr, 1, 1));
-    EXPECT_EQ(-1, zem_log_event(nullptr, 1));
-    EXPECT_EQ(-1, zem_log_state(nullptr, 1));
-    EXPECT_EQ(-1, zem_log_blob(nullptr, 1, nullptr, 0));
+    // A null handle, then an unknown id: -1 everywhere.
+    for (zem_handle x : {zem_handle(nullptr), h}) {
+        const uint32_t id = x == nullptr ? 1 : 99;
+        EXPECT_EQ(-1, zem_log(x, id, 1));
+        EXPECT_EQ(-1, zem_log_event(x, id));
+        EXPECT_EQ(-1, zem_log_state(x, id));
+        EXPECT_EQ(-1, zem_log_blob(x, id, nullptr, 0));
+    }
     EXPECT_EQ(-1, zem_deregister(nullptr));
-
-    EXPECT_EQ(-1, zem_log(h, 99, 1));  // unknown id everywhere: -1
-    EXPECT_EQ(-1, zem_log_event(h, 99));
-    EXPECT_EQ(-1, zem_log_state(h, 99));
-    EXPECT_EQ(-1, zem_log_blob(h, 99, nullptr, 0));
 
     const uint8_t buf[9] = {};
     EXPECT_EQ(-1, zem_log(h, 2, 1));            // numeric on a blob: -1
@@ -457,52 +439,41 @@ TEST_F(CollectorTest, LoggingThreadsNeedNoLockWhileCampaignsStartMergeAndStop) {
 }
 
 TEST_F(CollectorTest, RegistrationRetriesThreeTimesAndResetsOnlyAnExistingClient) {
-    transport->results = {5, 5, 5};
-    LogCapture cap;
-    zem_cfg_s c = cfg();
-    zem_handle h = zem_register(&c);
-    // The thread waits after its last failure too, then gives up.
-    ASSERT_TRUE(waitFor([h] { return !h->registering(); }));
-    EXPECT_EQ(3u, transport->attemptCount());
-    EXPECT_EQ(nullptr, h->getClient());
-    EXPECT_EQ(-1, zem_deregister(h));
-    const std::string& log = cap.text();
-    EXPECT_EQ(3, countLogLines(log, 'E',
-                               "cam: SPC registration failed - waiting for 5 seconds before "
-                               "retrying"));
-    EXPECT_EQ(3, countLogLines(log, 'I', "cam: Resetting client ptr"));
-
-    // A transport value that makes no client: attempts fail, nothing to reset.
-    zem::internal::setTransportFactory(nullptr);
-    LogCapture cap2;
-    zem_cfg_s none = cfg(7);
-    zem_handle h2 = zem_register(&none);
-    ASSERT_TRUE(waitFor([&] { return !h2->registering(); }));
-    EXPECT_EQ(-1, zem_deregister(h2));
-    EXPECT_EQ(3, countLogLines(cap2.text(), 'E',
-                               "cam: SPC registration failed - waiting for 5 seconds before "
-                               "retrying"));
-    EXPECT_EQ(0, countLogLines(cap2.text(), 'I', "cam: Resetting client ptr"));
-}
-
-TEST_F(CollectorTest, FirstSuccessEndsRegistrationWithoutWaiting) {
-    // A wait after success would hold the thread for half a minute.
-    zem::internal::setRetryDelay(std::chrono::seconds(30));
-    LogCapture cap;
-    zem_handle h = registered();
-    ASSERT_TRUE(waitFor([h] { return !h->registering(); }));
-    EXPECT_EQ(1u, transport->attemptCount());
-    EXPECT_EQ(1, countLogLines(cap.text(), 'I', "cam: SPC registration succeeded"));
-    zem_deregister(h);
-}
-
-TEST_F(CollectorTest, RetryWaitIsFiveSecondsByDefault) {
-    zem::internal::setRetryDelay(std::chrono::milliseconds(0));
-    transport->results = {1};
-    zem_handle h = registered();
-    ASSERT_EQ(2u, transport->attempts.size());
-    EXPECT_GE(transport->attempts[1] - transport->attempts[0], std::chrono::seconds(5));
-    zem_deregister(h);
+    const std::string failed =
+            "cam: SPC registration failed - waiting for 5 seconds before retrying";
+    const struct {
+        std::deque<int> results;  // of successive attempts; 0 once they run out
+        uint32_t transportValue;
+        std::chrono::milliseconds retryDelay;
+        size_t attempts;
+        int failures, resets, successes;
+    } cases[] = {
+            // The thread waits after its last failure too, then gives up.
+            {{5, 5, 5}, ZEM_TRANSPORT_GRPC, 20ms, 3, 3, 3, 0},
+            {{1}, ZEM_TRANSPORT_GRPC, 20ms, 2, 1, 1, 1},
+            // A wait after success would hold the thread for half a minute.
+            {{}, ZEM_TRANSPORT_GRPC, 30s, 1, 0, 0, 1},
+            // A transport value that makes no client (the last case, as it
+            // drops the fake): attempts fail, nothing to reset.
+            {{}, 7, 20ms, 0, 3, 0, 0},
+    };
+    for (const auto& c : cases) {
+        transport = std::make_shared<FakeTransport>();
+        transport->results = c.results;
+        zem::internal::setRetryDelay(c.retryDelay);
+        if (c.transportValue != ZEM_TRANSPORT_GRPC) zem::internal::setTransportFactory(nullptr);
+        LogCapture cap;
+        zem_cfg_s cf = cfg(c.transportValue);
+        zem_handle h = zem_register(&cf);
+        ASSERT_TRUE(waitFor([h] { return !h->registering(); }));
+        EXPECT_EQ(c.attempts, transport->attemptCount());
+        EXPECT_EQ(c.successes == 0, h->getClient() == nullptr);
+        EXPECT_EQ(c.successes ? 0 : -1, zem_deregister(h));
+        const std::string& log = cap.text();
+        EXPECT_EQ(c.failures, countLogLines(log, 'E', failed)) << log;
+        EXPECT_EQ(c.resets, countLogLines(log, 'I', "cam: Resetting client ptr"));
+        EXPECT_EQ(c.successes, countLogLines(log, 'I', "cam: SPC registration succeeded"));
+    }
 }
 
 TEST_F(CollectorTest, DeregisterDuringTheRetryWaitDoesNotWaitItOut) {
@@ -512,7 +483,8 @@ TEST_F(CollectorTest, DeregisterDuringTheRetryWaitDoesNotWaitItOut) {
     transport->results = {1, 1, 1};
     zem_cfg_s c = cfg();
     zem_handle h = zem_register(&c);
-    ASSERT_TRUE(waitFor([&] { return transport->attemptCount() == 1; }));
+    // In the wait: the first attempt failed and its client was dropped.
+    ASSERT_TRUE(waitFor([&] { return transport->attemptCount() == 1 && !h->getClient(); }));
     EXPECT_EQ(-1, zem_deregister(h));
     EXPECT_EQ(1u, transport->attemptCount());
 }
@@ -520,45 +492,24 @@ TEST_F(CollectorTest, DeregisterDuringTheRetryWaitDoesNotWaitItOut) {
 TEST_F(CollectorTest, DeregisterReturnsWhileARegistrationWaitsOnTheDaemonAndFreesLater) {
     // Like a binder call, this registration cannot be cancelled: it returns
     // only when the test lets it.
-    struct StuckTransport : FakeTransport {
-        int32_t registerClient(const std::string&, uint32_t, zem_collector*) override {
-            std::unique_lock<std::mutex> lock(mutex);
-            entered = true;
-            cv.notify_all();
-            cv.wait(lock, [this] { return answered; });
-            return 1;
-        }
-        void answer() {
-            std::lock_guard<std::mutex> lock(mutex);
-            answered = true;
-            cv.notify_all();
-        }
-        std::condition_variable cv;
-        bool entered = false;
-        bool answered = false;
-    };
-    auto stuck = std::make_shared<StuckTransport>();
-    zem::internal::setTransportFactory([stuck](uint32_t) { return stuck; });
+    transport->hold = true;
+    transport->results = {1};
     zem::internal::setDisposePatience(std::chrono::milliseconds(50));
     LogCapture cap;
     zem_cfg_s c = cfg();
     zem_handle h = zem_register(&c);
-    {
-        std::unique_lock<std::mutex> lock(stuck->mutex);
-        ASSERT_TRUE(
-                stuck->cv.wait_for(lock, std::chrono::seconds(10), [&] { return stuck->entered; }));
-    }
+    ASSERT_TRUE(waitFor([&] { return transport->attemptCount() == 1; }));
     EXPECT_EQ(0, zem_deregister(h));
     EXPECT_EQ(1, countLogLines(cap.text(), 'E',
                                "cam: a call to the daemon is still waiting for its answer; the "
                                "collector is freed when it returns"));
     // The collector, still alive, keeps its client until the call returns.
     zem::internal::setTransportFactory(nullptr);
-    std::weak_ptr<StuckTransport> weak = stuck;
-    StuckTransport* raw = stuck.get();
-    stuck.reset();
+    std::weak_ptr<FakeTransport> weak = transport;
+    FakeTransport* raw = transport.get();
+    transport.reset();
     ASSERT_FALSE(weak.expired());
-    raw->answer();
+    raw->release();
     EXPECT_TRUE(waitFor([&] { return weak.expired(); }));
 }
 
@@ -602,23 +553,9 @@ TEST_F(CollectorTest, LostConnStopsARunningCampaignThenRegistersAfresh) {
     ASSERT_EQ(2, data.counters_size());
     EXPECT_EQ(42u, data.counters(0).value());
     EXPECT_EQ(8u, data.counters(1).value());
-    zem_deregister(h);
-}
 
-TEST_F(CollectorTest, AThreadThatCannotStartGivesAnErrorNeverAnAbort) {
-    // zem_register: a null handle and the reason; nothing left to join.
-    zem::internal::setThreadStartFailure(true);
-    {
-        LogCapture cap;
-        zem_cfg_s c = cfg();
-        EXPECT_EQ(nullptr, zem_register(&c));
-        EXPECT_NE(std::string::npos, cap.text().find(" E ")) << cap.text();
-        EXPECT_NE(std::string::npos, cap.text().find("cam: zem_register failed: ")) << cap.text();
-    }
-    zem::internal::setThreadStartFailure(false);
-    // A lost connection on a transport thread: the campaign stops, an ERROR
-    // line says registration cannot start again, and the handle still works.
-    zem_handle h = registered();
+    // When no thread can start for the next registration the campaign still
+    // stops, an ERROR line says so, and the handle stays usable.
     ASSERT_EQ(0, h->StartCampaign(campaign({counterCfg(1, 100)}).SerializeAsString()));
     zem::internal::setThreadStartFailure(true);
     {
@@ -627,39 +564,41 @@ TEST_F(CollectorTest, AThreadThatCannotStartGivesAnErrorNeverAnAbort) {
         EXPECT_NE(std::string::npos, cap.text().find("cam: cannot register again: ")) << cap.text();
     }
     zem::internal::setThreadStartFailure(false);
-    EXPECT_EQ(1, gStopCalls.load());
+    EXPECT_EQ(3, gStopCalls.load());
     EXPECT_EQ(-1, zem_log(h, 1, 5));
     EXPECT_EQ(-1, zem_deregister(h));
 }
 
-TEST(CApi, BadConfigurationsGiveNullAndAnErrorLine) {
-    LogCapture cap;
-    EXPECT_EQ(nullptr, zem_register(nullptr));
-    zem_cfg_s c{};
-    c.cache_dir = "/tmp";
-    EXPECT_EQ(nullptr, zem_register(&c));
-    c.name = "x";
-    c.cache_dir = nullptr;
-    EXPECT_EQ(nullptr, zem_register(&c));
-    const std::string& log = cap.text();
-    EXPECT_EQ(1, countLogLines(log, 'E',
-                               "zem_register: the configuration is NULL, no client "
-                               "registered"))
-            << log;
-    EXPECT_EQ(1, countLogLines(log, 'E', "zem_register: name is NULL, no client registered"));
-    EXPECT_EQ(1, countLogLines(log, 'E', "zem_register: cache_dir is NULL, no client registered"));
+TEST_F(CollectorTest, RegisterGivesNullAndOneErrorLineWhenItCannotStart) {
+    zem_cfg_s noName = cfg(), noDir = cfg(), good = cfg();
+    noName.name = nullptr;
+    noDir.cache_dir = nullptr;
+    const struct {
+        const zem_cfg_s* cfg;
+        bool threadFails;
+        std::string error;  // when no thread starts, the start of the line
+    } cases[] = {
+            {nullptr, false, "zem_register: the configuration is NULL, no client registered"},
+            {&noName, false, "zem_register: name is NULL, no client registered"},
+            {&noDir, false, "zem_register: cache_dir is NULL, no client registered"},
+            {&good, true, "cam: zem_register failed: "},
+    };
+    for (const auto& c : cases) {
+        zem::internal::setThreadStartFailure(c.threadFails);
+        LogCapture cap;
+        EXPECT_EQ(nullptr, zem_register(c.cfg));
+        const std::vector<std::string> errors = zem_test::logMessages(cap.text(), 'E');
+        ASSERT_EQ(1u, errors.size()) << cap.text();
+        EXPECT_EQ(c.error, c.threadFails ? errors[0].substr(0, c.error.size()) : errors[0]);
+    }
 }
 
-TEST(CApi, TheRecordMayBeFreedRightAfterRegister) {
-    TempDir dir;
-    auto transport = std::make_shared<FakeTransport>();
-    zem::internal::setTransportFactory([&](uint32_t) { return transport; });
+TEST_F(CollectorTest, TheConfigurationMayBeFreedRightAfterRegister) {
     auto* name = new std::string("short-lived");
     auto* cdir = new std::string(dir.path());
-    auto* c = new zem_cfg_s{};
+    auto* c = new zem_cfg_s(cfg());
     c->name = name->c_str();
     c->cache_dir = cdir->c_str();
-    c->transport = ZEM_TRANSPORT_GRPC;
     zem_handle h = zem_register(c);
     delete c;
     name->assign(40, 'z');
@@ -668,12 +607,8 @@ TEST(CApi, TheRecordMayBeFreedRightAfterRegister) {
     ASSERT_TRUE(waitFor([&] { return transport->attemptCount() == 1; }));
     EXPECT_EQ("short-lived", h->getName());
     EXPECT_EQ("short-lived", transport->lastName);
-    LTCCampaignDef def;
-    def.set_size_threshold(100);
-    def.set_time_threshold(1);
-    EXPECT_EQ(0, h->StartCampaign(def.SerializeAsString()));
+    EXPECT_EQ(0, h->StartCampaign(campaign({}).SerializeAsString()));
     EXPECT_EQ(1u, dir.list().size());
     h->StopCampaign();
     zem_deregister(h);
-    zem::internal::setTransportFactory(nullptr);
 }

@@ -3,54 +3,23 @@
 // producers, and failures.
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
-#include <mutex>
-#include <set>
 #include <thread>
 
 #include "TestUtil.h"
-#include "collector/zem_collector.h"
 #include "serializer/KPISerializer.h"
 
+using zem_test::counterRecord;
 using zem_test::countLogLines;
+using zem_test::kVersionRecord;
 using zem_test::LogCapture;
 using zem_test::readFile;
+using zem_test::RecordingCollector;
 using zem_test::TempDir;
 using zem_test::writeFile;
 
 namespace {
-
-// Stands in for the collector: takes every handed-over file the way a
-// successful transport does (reads it whole, then removes it).
-class RecordingCollector : public zem_collector {
-  public:
-    explicit RecordingCollector(const std::string& dir)
-        : zem_collector(zem_test::cacheDirCfg(dir)) {}
-
-    int SendData(const std::string& filename) override {
-        std::string bytes = readFile(filename);
-        remove(filename.c_str());
-        std::lock_guard<std::mutex> lock(mutex);
-        files.push_back({filename, std::move(bytes)});
-        return 0;
-    }
-
-    struct Delivered {
-        std::string name;
-        std::string bytes;
-    };
-    std::vector<Delivered> delivered() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return files;
-    }
-
-  private:
-    std::mutex mutex;
-    std::vector<Delivered> files;
-};
 
 // A record of exactly `size` bytes once serialized (size >= 4), tagged by `id`.
 olvan::KPIData recordOfSize(size_t size, uint32_t id = 1) {
@@ -66,46 +35,55 @@ olvan::KPIData recordOfSize(size_t size, uint32_t id = 1) {
     return data;
 }
 
-olvan::KPIData counterRecord(uint32_t id, uint64_t value) {
-    olvan::KPIData data;
-    olvan::Counter* c = data.add_counters();
-    c->mutable_meta()->set_id(id);
-    c->set_value(value);
-    return data;
-}
-
-const std::string kVersionRecord("\x08\x01", 2);
-
 }  // namespace
 
-TEST(Serializer, NewFileIsNamedBySecondsAndStartsWithTheVersionRecord) {
-    TempDir dir;
-    RecordingCollector collector(dir.path());
-    KPISerializer ser(dir.path(), &collector);
-    const int64_t before = KPISerializer::currTs();
-    ASSERT_EQ(0, ser.Initialize(4096, 1));
-    const int64_t after = KPISerializer::currTs();
-    EXPECT_TRUE(ser.writerRunning());
+TEST(SerializerTest, NewFileIsNamedBySecondsAndStartsWithTheVersionRecord) {
+    // Finalize hands the file over; without a collector it stays in the
+    // cache folder, and so it does when the serializer is destroyed with
+    // its writer running (what was queued is still written).
+    enum Ending { kFinalize, kFinalizeWithoutCollector, kDestroyRunning };
+    const auto rec = counterRecord(3, 12);
+    for (Ending ending : {kFinalize, kFinalizeWithoutCollector, kDestroyRunning}) {
+        SCOPED_TRACE(ending);
+        TempDir dir;
+        RecordingCollector collector(dir.path());
+        std::string name;
+        {
+            KPISerializer ser(dir.path(),
+                              ending == kFinalizeWithoutCollector ? nullptr : &collector);
+            const int64_t before = KPISerializer::currTs();
+            ASSERT_EQ(0, ser.Initialize(4096, 1));
+            const int64_t after = KPISerializer::currTs();
+            EXPECT_TRUE(ser.writerRunning());
 
-    const std::string name = ser.GetCurrFileName();
-    const std::string prefix = dir.path() + "/kpidata.";
-    ASSERT_EQ(0u, name.find(prefix)) << name;
-    const int64_t secs = std::stoll(name.substr(prefix.size()));
-    EXPECT_GE(secs, before);
-    EXPECT_LE(secs, after);
+            name = ser.GetCurrFileName();
+            const std::string prefix = dir.path() + "/kpidata.";
+            ASSERT_EQ(0u, name.find(prefix)) << name;
+            const int64_t secs = std::stoll(name.substr(prefix.size()));
+            EXPECT_GE(secs, before);
+            EXPECT_LE(secs, after);
 
-    auto rec = counterRecord(3, 12);
-    ser.Write(rec);
-    ser.Finalize();
-    EXPECT_FALSE(ser.writerRunning());
-    EXPECT_EQ(0u, ser.sizeThresholdForTest());
-    auto files = collector.delivered();
-    ASSERT_EQ(1u, files.size());
-    EXPECT_EQ(name, files[0].name);
-    EXPECT_EQ(kVersionRecord + rec.SerializeAsString(), files[0].bytes);
+            auto copy = rec;
+            ser.Write(copy);
+            if (ending != kDestroyRunning) {
+                ser.Finalize();
+                EXPECT_FALSE(ser.writerRunning());
+                EXPECT_EQ(0u, ser.sizeThresholdForTest());
+            }
+        }
+        auto files = collector.delivered();
+        if (ending == kFinalize) {
+            ASSERT_EQ(1u, files.size());
+            EXPECT_EQ(name, files[0].name);
+            EXPECT_EQ(kVersionRecord + rec.SerializeAsString(), files[0].bytes);
+        } else {
+            EXPECT_TRUE(files.empty());
+            EXPECT_EQ(kVersionRecord + rec.SerializeAsString(), readFile(name));
+        }
+    }
 }
 
-TEST(Serializer, RollsOverAtTheFirstRecordPastTheThreshold) {
+TEST(SerializerTest, RollsOverAtTheFirstRecordPastTheThreshold) {
     TempDir dir;
     RecordingCollector collector(dir.path());
     KPISerializer ser(dir.path(), &collector);
@@ -134,51 +112,42 @@ TEST(Serializer, RollsOverAtTheFirstRecordPastTheThreshold) {
     EXPECT_TRUE(dir.list().empty());
 }
 
-TEST(Serializer, ReopensTheNewestLeftoverByNumberNotText) {
-    TempDir dir;
-    writeFile(dir.file("kpidata.3"), "three");
-    writeFile(dir.file("kpidata.20"), "twenty");
-    const auto old = counterRecord(1, 1).SerializeAsString();
-    writeFile(dir.file("kpidata.100"), kVersionRecord + old);
-    writeFile(dir.file("other.1000"), "not a cache file");
-
-    RecordingCollector collector(dir.path());
-    KPISerializer ser(dir.path(), &collector);
-    ASSERT_EQ(0, ser.Initialize(4096, 1));
-    EXPECT_EQ(dir.file("kpidata.100"), ser.GetCurrFileName());
-    auto rec = counterRecord(2, 5);
-    ser.Write(rec);
-    ser.Finalize();
-
-    auto files = collector.delivered();
-    ASSERT_EQ(1u, files.size());
-    EXPECT_EQ(dir.file("kpidata.100"), files[0].name);
-    // Appended to, with no second version record.
-    EXPECT_EQ(kVersionRecord + old + rec.SerializeAsString(), files[0].bytes);
-    // The older leftovers are neither sent nor touched.
-    EXPECT_EQ(readFile(dir.file("kpidata.3")), "three");
-    EXPECT_EQ(readFile(dir.file("kpidata.20")), "twenty");
-    EXPECT_EQ((std::vector<std::string>{"kpidata.20", "kpidata.3", "other.1000"}), dir.list());
-}
-
-TEST(Serializer, NameWithoutNumberSortsAsZero) {
-    TempDir dir;
-    writeFile(dir.file("kpidata.old"), "");
-    writeFile(dir.file("kpidata.7"), "");
-    {
-        KPISerializer ser(dir.path(), nullptr);
+TEST(SerializerTest, ReopensTheNewestLeftoverByNumberNotText) {
+    // The entries present and the one reopened; a name without a number
+    // sorts as zero.
+    const struct {
+        std::vector<std::string> present;
+        std::string newest;
+    } cases[] = {
+            {{"kpidata.3", "kpidata.20", "kpidata.100", "other.1000"}, "kpidata.100"},
+            {{"kpidata.old", "kpidata.7"}, "kpidata.7"},
+            {{"kpidata.old"}, "kpidata.old"},
+    };
+    const std::string old = kVersionRecord + counterRecord(1, 1).SerializeAsString();
+    const auto rec = counterRecord(2, 5);
+    for (const auto& c : cases) {
+        TempDir dir;
+        for (const auto& name : c.present) writeFile(dir.file(name), name == c.newest ? old : name);
+        RecordingCollector collector(dir.path());
+        KPISerializer ser(dir.path(), &collector);
         ASSERT_EQ(0, ser.Initialize(4096, 1));
-        EXPECT_EQ(dir.file("kpidata.7"), ser.GetCurrFileName());
+        EXPECT_EQ(dir.file(c.newest), ser.GetCurrFileName());
+        auto copy = rec;
+        ser.Write(copy);
         ser.Finalize();
+
+        auto files = collector.delivered();
+        ASSERT_EQ(1u, files.size());
+        EXPECT_EQ(dir.file(c.newest), files[0].name);
+        // Appended to, with no second version record.
+        EXPECT_EQ(old + rec.SerializeAsString(), files[0].bytes);
+        // The older leftovers are neither sent nor touched.
+        EXPECT_EQ(c.present.size() - 1, dir.list().size());
+        for (const auto& name : dir.list()) EXPECT_EQ(name, readFile(dir.file(name)));
     }
-    remove(dir.file("kpidata.7").c_str());
-    KPISerializer ser(dir.path(), nullptr);
-    ASSERT_EQ(0, ser.Initialize(4096, 1));
-    EXPECT_EQ(dir.file("kpidata.old"), ser.GetCurrFileName());
-    ser.Finalize();
 }
 
-TEST(Serializer, StopWritesEveryQueuedRecordBeforeTheLastHandover) {
+TEST(SerializerTest, StopWritesEveryQueuedRecordBeforeTheLastHandover) {
     TempDir dir;
     RecordingCollector collector(dir.path());
     KPISerializer ser(dir.path(), &collector);
@@ -211,32 +180,10 @@ TEST(Serializer, StopWritesEveryQueuedRecordBeforeTheLastHandover) {
     EXPECT_EQ(recordBytes + 2 * files.size(), totalBytes);
 }
 
-// Stands in for a collector whose daemon refuses every delivery: the file
-// stays where it is, as the transports leave it.
-class RefusingCollector : public zem_collector {
-  public:
-    explicit RefusingCollector(const zem_cfg_s& cfg) : zem_collector(cfg) {}
-    int SendData(const std::string& filename) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        names.push_back(filename);
-        return -1;
-    }
-    std::vector<std::string> handed() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return names;
-    }
-
-  private:
-    std::mutex mutex;
-    std::vector<std::string> names;
-};
-
-TEST(Serializer, AFailedDeliveryCostsOneAttemptAndTheNextFileANameOfItsOwn) {
+TEST(SerializerTest, AFailedDeliveryCostsOneAttemptAndTheNextFileANameOfItsOwn) {
     TempDir dir;
-    zem_cfg_s cfg{};
-    cfg.name = "refused";
-    cfg.cache_dir = dir.path().c_str();
-    RefusingCollector collector(cfg);
+    RecordingCollector collector(dir.path());
+    collector.refuse = true;
     KPISerializer ser(dir.path(), &collector);
     const int64_t start = KPISerializer::currTs();
     ASSERT_EQ(0, ser.Initialize(100, 1));
@@ -252,14 +199,14 @@ TEST(Serializer, AFailedDeliveryCostsOneAttemptAndTheNextFileANameOfItsOwn) {
     // One attempt per file, files named in increasing order, at most one new
     // name per second after the first failure (plus the stop's handover):
     // reopening the refused file would hand it over again at every record.
-    const std::vector<std::string> handed = collector.handed();
+    const auto handed = collector.delivered();
     ASSERT_FALSE(handed.empty());
     EXPECT_LE(handed.size(), static_cast<size_t>(end - start) + 3);
     const std::string prefix = dir.path() + "/kpidata.";
     int64_t last = -1;
     for (size_t i = 0; i + 1 < handed.size(); ++i) {
-        const int64_t key = std::stoll(handed[i].substr(prefix.size()));
-        EXPECT_GT(key, last) << handed[i];
+        const int64_t key = std::stoll(handed[i].name.substr(prefix.size()));
+        EXPECT_GT(key, last) << handed[i].name;
         EXPECT_LE(key, end + 1) << "never more than a second ahead of the clock";
         last = key;
     }
@@ -282,7 +229,7 @@ TEST(Serializer, AFailedDeliveryCostsOneAttemptAndTheNextFileANameOfItsOwn) {
     for (uint32_t i = 0; i < kRecords; ++i) ASSERT_EQ(i, all.blobs(i).meta().id());
 }
 
-TEST(Serializer, ConcurrentProducersLoseAndCorruptNothing) {
+TEST(SerializerTest, ConcurrentProducersLoseAndCorruptNothing) {
     TempDir dir;
     RecordingCollector collector(dir.path());
     KPISerializer ser(dir.path(), &collector);
@@ -322,58 +269,27 @@ TEST(Serializer, ConcurrentProducersLoseAndCorruptNothing) {
     for (size_t i = 0; i < count.size(); ++i) ASSERT_EQ(1, count[i]) << "record " << i;
 }
 
-TEST(Serializer, InitializeFailuresSayWhyAndStartNothing) {
+TEST(SerializerTest, WithoutItsFolderNothingStartsAndFinalizeStillHandsOverTheLastName) {
     TempDir dir;
     RecordingCollector collector(dir.path());
     KPISerializer ser(dir.file("missing"), &collector);
-    LogCapture cap;
-    EXPECT_EQ(-1, ser.Initialize(4096, 1));
-    const std::string& log = cap.text();
-    EXPECT_EQ(1, countLogLines(log, 'E', "Error opening cache directory: " + dir.file("missing")))
-            << log;
-    EXPECT_EQ(1, countLogLines(log, 'E', "Failed to get files from cache dir: -1")) << log;
+    {
+        LogCapture cap;
+        EXPECT_EQ(-1, ser.Initialize(4096, 1));
+        const std::string& log = cap.text();
+        EXPECT_EQ(1,
+                  countLogLines(log, 'E', "Error opening cache directory: " + dir.file("missing")))
+                << log;
+        EXPECT_EQ(1, countLogLines(log, 'E', "Failed to get files from cache dir: -1")) << log;
+    }
     EXPECT_FALSE(ser.writerRunning());
-}
-
-TEST(Serializer, FinalizeWithoutAFileStillHandsOverTheLastName) {
-    TempDir dir;
-    RecordingCollector collector(dir.path());
-    KPISerializer ser(dir.file("missing"), &collector);
-    EXPECT_EQ(-1, ser.Initialize(4096, 1));
     EXPECT_EQ(0, ser.Finalize());
     auto files = collector.delivered();
     ASSERT_EQ(1u, files.size());
     EXPECT_EQ("", files[0].name);
 }
 
-TEST(Serializer, WithoutACollectorFilesStayInTheCacheDirectory) {
-    TempDir dir;
-    std::string name;
-    auto rec = counterRecord(4, 4);
-    {
-        KPISerializer ser(dir.path(), nullptr);
-        ASSERT_EQ(0, ser.Initialize(4096, 1));
-        name = ser.GetCurrFileName();
-        ser.Write(rec);
-        ser.Finalize();
-    }
-    EXPECT_EQ(kVersionRecord + rec.SerializeAsString(), readFile(name));
-
-    // Destruction with the writer running also writes what was queued and
-    // closes the file without handing it over.
-    TempDir dir2;
-    RecordingCollector collector(dir2.path());
-    {
-        KPISerializer ser(dir2.path(), &collector);
-        ASSERT_EQ(0, ser.Initialize(4096, 1));
-        name = ser.GetCurrFileName();
-        ser.Write(rec);
-    }
-    EXPECT_TRUE(collector.delivered().empty());
-    EXPECT_EQ(kVersionRecord + rec.SerializeAsString(), readFile(name));
-}
-
-TEST(Serializer, WriterThreadIsNamedAndGoneAfterStop) {
+TEST(SerializerTest, WriterThreadIsNamedAndGoneAfterStop) {
     TempDir dir;
     KPISerializer ser(dir.path(), nullptr);
     auto writerThreads = [] {
