@@ -476,6 +476,16 @@ TEST_F(CollectorTest, RegistrationRetriesThreeTimesAndResetsOnlyAnExistingClient
     }
 }
 
+TEST_F(CollectorTest, RetryWaitIsFiveSecondsByDefault) {
+    zem::internal::setRetryDelay(std::chrono::milliseconds(0));  // the default
+    transport->results = {1};
+    const auto start = std::chrono::steady_clock::now();
+    zem_handle h = registered();
+    EXPECT_EQ(2u, transport->attemptCount());
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    zem_deregister(h);
+}
+
 TEST_F(CollectorTest, DeregisterDuringTheRetryWaitDoesNotWaitItOut) {
     // With an hour between attempts, the test finishes only if destruction
     // cuts the wait short.
