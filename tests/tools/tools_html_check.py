@@ -1,7 +1,7 @@
 """Opens an HTML report in headless Chromium and checks that every KPI's
-chart rendered: a script added to a copy of the page measures each chart's
-marks in the layout Chromium computed, and the DOM it dumps carries the
-result.
+chart rendered: tools_html_measure.js, added to a copy of the page,
+measures each chart's marks in the layout Chromium computed, and the DOM it
+dumps carries the result.
 
 usage: tools_html_check.py REPORT.html CHARTS
 
@@ -20,33 +20,12 @@ import tempfile
 
 report, expected = sys.argv[1], int(sys.argv[2])
 
-MEASURE = """<script>
-const charts = [...document.querySelectorAll("section.kpi")].map(s => {
-  const frame = s.querySelector("svg.chart .frame");
-  const f = frame ? frame.getBoundingClientRect() : new DOMRect();
-  const svg = frame ? frame.ownerSVGElement.getBoundingClientRect() : f;
-  const c = {kpi: s.dataset.kpi, kind: s.dataset.kind, windows: +s.dataset.windows,
-             marks: 0, outside: 0, unpainted: 0};
-  for (const m of s.querySelectorAll(".mark, rect.cell")) {
-    const r = m.getBoundingClientRect(), st = getComputedStyle(m);
-    const x = r.x + r.width / 2, y = r.y + r.height / 2;
-    c.marks++;
-    c.outside += x < f.left - 1 || x > f.right + 1 || y < f.top - 1 || y > f.bottom + 1;
-    c.unpainted += r.width + r.height == 0 || svg.width * svg.height == 0 || st.visibility != "visible" || st.fill == "none" ||
-        st.fill == getComputedStyle(frame).fill || +st.opacity == 0 || +st.fillOpacity == 0;
-  }
-  return c;
-});
-const external = [...document.querySelectorAll("[src], [href]")]
-    .map(e => e.getAttribute("src") || e.getAttribute("href")).filter(u => !u.startsWith("#"));
-document.body.dataset.check = JSON.stringify(
-    {charts, external, scripts: document.scripts.length - 1});
-</script>"""
 
 with tempfile.TemporaryDirectory() as work:
     page = os.path.join(work, "page.html")
     with open(report) as f, open(page, "w") as out:
-        out.write(f.read() + MEASURE)
+        measure = open(os.path.join(os.path.dirname(__file__), "tools_html_measure.js")).read()
+        out.write(f.read() + "<script>" + measure + "</script>")
     # A profile of its own, so that runs never share state.
     dom = subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu",
                           "--no-first-run", "--disable-extensions", "--window-size=1000,800",
