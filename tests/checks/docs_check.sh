@@ -10,9 +10,9 @@
 #                           the client's name in place of %s) that the check
 #                           must print
 #   ```sh doctest           commands run with bash -euo pipefail in a scratch
-#                           folder holding cache/kpidata.1700000000 (written by
-#                           the library), proto/ and examples/; the tools are
-#                           on PATH
+#                           folder holding cache/kpidata.1700000000 (twelve
+#                           windows of every KPI kind), proto/ and examples/;
+#                           the tools are on PATH
 #   ```c compile            a C file compiled and linked against the library
 # Every document must hold at least one such block.
 #
@@ -36,7 +36,12 @@ if ! "$sample" "$work/run/cache" 2>"$work/sample.log"; then
 fi
 
 passed=0 failed=0
-fail() {
+# result WHAT [PROBLEM...]: WHAT passed unless problems follow it.
+result() {
+    if [ $# -eq 1 ]; then
+        passed=$((passed + 1))
+        return
+    fi
     echo "FAIL $1"
     shift
     printf '%s\n' "$@" | sed 's/^/    /'
@@ -64,63 +69,41 @@ for doc in "$@"; do
         inblock && /^```/ { inblock = 0; if (file != "") close(file); file = ""; next }
         inblock && file != "" { print > file }
     ' "$doc"
-    if [ ! -s "$blocks/index" ]; then
-        fail "$name: no example block to run"
-        continue
-    fi
-    last_err=""
+    [ -s "$blocks/index" ] || { result "$name" "no example block to run"; continue; }
+    last_err=/dev/null
     while read -r block; do
-        base=${block##*/}
-        kind=$(echo "$base" | cut -d. -f2)
-        line=$(echo "$base" | cut -d. -f3)
-        where="$name:$line"
+        IFS=. read -r _ kind line <<<"${block##*/}"
+        problem=()
         case "$kind" in
         ok | refused)
-            cp "$block" "$work/campaign.txtpb"
-            zemctl check "$work/campaign.txtpb" >"$work/out" 2>"$work/err"
-            status=$?
             last_err="$work/err.$line"
-            cp "$work/err" "$last_err"
-            want=0
+            zemctl check "$block" >/dev/null 2>"$last_err"
+            status=$? want=0
             [ "$kind" = refused ] && want=1
-            if [ "$status" -ne "$want" ]; then
-                fail "$where: zemctl check exits $status, not $want" "$(cat "$work/err")"
-            else
-                passed=$((passed + 1))
-            fi
+            [ "$status" -eq "$want" ] ||
+                problem=("zemctl check exits $status, not $want" "$(cat "$last_err")")
             ;;
         log)
-            missing=()
+            # The documented %s is the client's name; zemctl check calls it "check".
             while IFS= read -r want; do
-                [ -z "$want" ] && continue
-                # The documented %s is the client's name; zemctl check calls it "check".
-                text=${want//%s/check}
-                grep -qF -- "$text" "${last_err:-/dev/null}" || missing+=("missing: $want")
+                [ -z "$want" ] || grep -qF -- "${want//%s/check}" "$last_err" ||
+                    problem+=("missing: $want")
             done <"$block"
-            if [ ${#missing[@]} -gt 0 ]; then
-                fail "$where: log lines not printed by the check above" "${missing[@]}" \
-                    "$(cat "${last_err:-/dev/null}")"
-            else
-                passed=$((passed + 1))
-            fi
+            [ ${#problem[@]} -eq 0 ] || problem=("log lines not printed by the check above"
+                "${problem[@]}" "$(cat "$last_err")")
             ;;
         sh)
-            if (cd "$work/run" && timeout 60 bash -euo pipefail "$block") >"$work/out" 2>&1; then
-                passed=$((passed + 1))
-            else
-                fail "$where: commands fail" "$(cat "$block")" "--- output:" "$(tail -n 20 "$work/out")"
-            fi
+            (cd "$work/run" && timeout 60 bash -euo pipefail "$block") >"$work/out" 2>&1 ||
+                problem=("commands fail" "$(cat "$block")" "--- output:" "$(tail -n 20 "$work/out")")
             ;;
         c)
             cp "$block" "$work/example.c"
-            if cc -std=c99 -Wall -Wextra -Werror -I"$src/include" -o "$work/example" \
-                    "$work/example.c" "$lib" -pthread >"$work/out" 2>&1; then
-                passed=$((passed + 1))
-            else
-                fail "$where: does not compile" "$(cat "$work/out")"
-            fi
+            cc -std=c99 -Wall -Wextra -Werror -I"$src/include" -o "$work/example" \
+                "$work/example.c" "$lib" -pthread >"$work/out" 2>&1 ||
+                problem=("does not compile" "$(cat "$work/out")")
             ;;
         esac
+        result "$name:$line" "${problem[@]}"
     done <"$blocks/index"
 done
 # The documented limits against the library's.
@@ -130,14 +113,11 @@ awk -F'|' '/^\| *`/ {
     gsub(/^ +| +$/, "", range)
     if (range ~ /^[0-9]+ to [0-9]+$/) { split(range, r, " to "); print field "\t" r[1] "\t" r[2] }
 }' "$@" | sort >"$work/doc-limits"
-if ! zemctl limits 2>&1 | sort >"$work/limits"; then
-    fail "zemctl limits fails" "$(cat "$work/limits")"
-elif ! diff "$work/doc-limits" "$work/limits" >"$work/limits.diff"; then
-    fail "the documented limits differ from the library's (< documented, > zemctl limits)" \
-        "$(cat "$work/limits.diff")"
-else
-    passed=$((passed + 1))
-fi
+problem=()
+zemctl limits 2>&1 | sort >"$work/limits" || problem=("zemctl limits fails")
+diff "$work/doc-limits" "$work/limits" >"$work/limits.diff" ||
+    problem+=("they differ (< documented, > zemctl limits)" "$(cat "$work/limits.diff")")
+result "the documented limits against the library's" "${problem[@]}"
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

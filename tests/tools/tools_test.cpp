@@ -103,38 +103,37 @@ TEST_F(ToolsTest, ClientsThatDieLeaveTheClientList) {
 TEST_F(ToolsTest, ZemctlAndZemdExplainFailuresWithDistinctStatuses) {
     zem_test::writeFile(dir.file("bad.txtpb"), "size_threshold: 100\ntime_threshold: x\n");
     zem_test::writeFile(dir.file("big.txtpb"), "size_threshold: 99\ntime_threshold: 1\n");
+    auto ctl = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {ZEMCTL_BIN, "--socket", socket});
+        return args;
+    };
     struct Case {
         bool daemon;  // a zemd runs at `socket`
         std::vector<std::string> argv;
         int status;
         std::string text;  // in the output or the error output
     } cases[] = {
-            {false, {ZEMCTL_BIN, "--socket", socket, "stop"}, 3, socket + ".ctl"},
+            {false, ctl({"stop"}), 3, socket + ".ctl"},
             // Usage errors never reach a daemon.
-            {false, {ZEMCTL_BIN, "--socket", socket, "bogus"}, 2, ""},
-            {false, {ZEMCTL_BIN, "--socket", socket, "push"}, 2, ""},
-            {false, {ZEMCTL_BIN, "--socket", socket, "stop", "now"}, 2, ""},
-            {false, {ZEMCTL_BIN, "--socket", socket, "--frobnicate", "stop"}, 2, ""},
+            {false, ctl({"bogus"}), 2, ""},
+            {false, ctl({"push"}), 2, ""},
+            {false, ctl({"stop", "now"}), 2, ""},
+            {false, ctl({"--frobnicate", "stop"}), 2, ""},
             {false, {ZEMCTL_BIN, "--help"}, 0, "examples:"},
             {false, {ZEMCTL_BIN}, 2, "no command"},
             // A campaign file that does not parse is refused with its
             // position, and the running campaign stays.
-            {true,
-             {ZEMCTL_BIN, "--socket", socket, "push", dir.file("bad.txtpb")},
-             1,
+            {true, ctl({"push", dir.file("bad.txtpb")}), 1,
              dir.file("bad.txtpb") + ":2:17: Expected integer"},
-            {true, {ZEMCTL_BIN, "--socket", socket, "push", dir.file("missing.txtpb")}, 1, ""},
+            {true, ctl({"push", dir.file("missing.txtpb")}), 1, ""},
             // Out of the client's limits: sent anyway (a test may want
             // that), with a warning.
-            {true,
-             {ZEMCTL_BIN, "--socket", socket, "push", dir.file("big.txtpb")},
-             0,
-             "warning: campaign field size_threshold=99 outside [100, 4194304]; clients will "
-             "refuse "
-             "this campaign"},
+            {true, ctl({"push", dir.file("big.txtpb")}), 0,
+             "warning: campaign field size_threshold=99 outside [100, 4194304]; "
+             "clients will refuse this campaign"},
             // A second zemd cannot take a live control socket.
             {true,
-             {ZEMD_BIN, "--socket", dir.file("other"), "--control-socket", socket + ".ctl"},
+             {ZEMD_BIN, "--socket", dir.file("o"), "--control-socket", socket + ".ctl"},
              3,
              "another server is listening"},
             {true, {ZEMD_BIN, "--socket", socket, "--control-socket", socket}, 2, ""},
@@ -254,15 +253,12 @@ TEST_F(ToolsTest, ZemdumpSummaryFoldsEveryWindowOfEveryFileAndStillReportsABadOn
     r = run({ZEMDUMP_BIN, "--summary", dir.file("a"), dir.file("bad"), dir.file("b")});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("bad: not a cache file"), std::string::npos) << r.err;
-    EXPECT_NE(r.out.find("1          counter          2          6  sum=8"), std::string::npos)
-            << r.out;
-    EXPECT_NE(r.out.find("min=1 max=100 mean-of-means=4"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("bins=[3 2 3 1]"), std::string::npos);
-    EXPECT_NE(r.out.find("bytes=5"), std::string::npos);
-    EXPECT_NE(r.out.find("  bin 0   ████████████████████████████████████████ 3"), std::string::npos)
-            << r.out;
-    EXPECT_NE(r.out.find("▁█  value per window, max 8"), std::string::npos) << r.out;
-
+    for (const char* text :
+         {"1          counter          2          6  sum=8", "min=1 max=100 mean-of-means=4",
+          "bins=[3 2 3 1]", "bytes=5", "  bin 0   ████████████████████████████████████████ 3",
+          "▁█  value per window, max 8"}) {
+        EXPECT_NE(r.out.find(text), std::string::npos) << text << "\n" << r.out;
+    }
     // Usage errors.
     EXPECT_EQ(run({ZEMDUMP_BIN}).status, 2);
     EXPECT_EQ(run({ZEMDUMP_BIN, "--sumary", dir.file("a")}).status, 2);
