@@ -136,20 +136,7 @@ class Child {
     // Waits for the child to exit; its exit status, or -1 after `timeout`
     // (or when it died of a signal: 128 + the signal).
     int waitExit(std::chrono::milliseconds timeout = std::chrono::seconds(15)) {
-        if (reaped) return exitStatus;
-        const auto end = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            int status;
-            if (waitpid(pid, &status, WNOHANG) == pid) {
-                reaped = true;
-                exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-                // Whatever it left in its group goes too.
-                kill(-pid, SIGKILL);
-                return exitStatus;
-            }
-            if (std::chrono::steady_clock::now() > end) return -1;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        return reaped || eventually([&] { return reap(); }, timeout) ? exitStatus : -1;
     }
 
     std::string out() const { return zem_test::readFile(outPath); }
@@ -164,6 +151,16 @@ class Child {
     pid_t pid = -1;
 
   private:
+    // Reaps the child if it has exited; whatever it left in its group goes too.
+    bool reap() {
+        int status;
+        if (waitpid(pid, &status, WNOHANG) != pid) return false;
+        reaped = true;
+        exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        kill(-pid, SIGKILL);
+        return true;
+    }
+
     std::string outPath, errPath;
     int stdinFd = -1;
     bool reaped = false;
