@@ -21,7 +21,7 @@ import sys
 import time
 
 from e2e_fault_ledger import Scenario
-from harness import Workdir, arguments, json_lines, proc_status
+from harness import arguments, json_lines, proc_status, run_dir
 
 WINDOW = 1000
 CAMPAIGN = f"""
@@ -48,7 +48,7 @@ def main():
         ap.add_argument("--transport", default="grpc", choices=("grpc", "binder"))
         ap.add_argument("--samples")
     args = arguments(__doc__, add)
-    with Workdir(args, "zem-soak-") as workdir:
+    with run_dir(args, "zem-soak-") as workdir:
         return soak(args, workdir)
 
 
