@@ -23,13 +23,15 @@ this script, and is killed at the end of its scenario. Scenarios that need a
 private mount (read-only folder, full disk) run the client under
 `unshare -m` and are skipped without root.
 """
+import contextlib
 import os
 import re
 import shutil
 import sys
 import time
 
-from harness import Rig, arguments, eventually, json_lines, largest_campaign, proc_status, run_dir
+from harness import (Rig, arguments, eventually, json_lines, largest_campaign, proc_status,
+                     read_text, run_dir)
 
 CAMPAIGN = """
 kpiCfgs {{ id: 1 type: KPI_NUMERIC subType: COUNTER c_cfg {{}} nof_samples: 1 }}
@@ -64,12 +66,10 @@ class Scenario(Rig):
             if now[t] > starts[-1][t]:
                 self.dropped_open[t] += 1
 
-    def received(self):
+    def received_values(self):
         got = {1: [], 2: []}
-        for d in self.daemons:
-            for e in json_lines(d.out()):
-                if e.get("event") == "window" and e.get("kind") == "counter" and e.get("id") in got:
-                    got[e["id"]].append(e["value"])
+        for e in self.received():
+            got[e["id"]].append(e["value"])
         return got
 
     def in_cache(self):
@@ -81,7 +81,7 @@ class Scenario(Rig):
 
     def ledger_row(self):
         logged = self.logged()
-        got = self.received()
+        got = self.received_values()
         cached = self.in_cache()
         closed = received = lost = stranded = dups = strangers = 0
         for t, kid in ((0, 1), (1, 2)):
@@ -302,32 +302,17 @@ def delivery_errors(text):
                if l.startswith("zem_sdk E ") and any(k in l for k in DELIVERY_ERRORS))
 
 
-def proc_ticks(path):
-    try:
-        with open(path) as f:
-            fields = f.read().rsplit(")", 1)[1].split()
-        return int(fields[11]) + int(fields[12])  # utime + stime
-    except (OSError, IndexError, ValueError):
-        return None
-
-
 def writer_ticks(pid):
-    """CPU ticks of each writer thread ("zem_writer") of the process, by tid."""
+    """CPU ticks (user + system) of each writer thread ("zem_writer") of the
+    process, by tid; a thread that ends meanwhile is left out."""
     out = {}
-    try:
-        tids = os.listdir(f"/proc/{pid}/task")
-    except OSError:
-        return out
-    for tid in tids:
-        try:
-            with open(f"/proc/{pid}/task/{tid}/comm") as f:
-                if f.read().strip() != "zem_writer":
-                    continue
-        except OSError:
-            continue
-        t = proc_ticks(f"/proc/{pid}/task/{tid}/stat")
-        if t is not None:
-            out[tid] = t
+    with contextlib.suppress(OSError):
+        for tid in os.listdir(f"/proc/{pid}/task"):
+            task = f"/proc/{pid}/task/{tid}/"
+            with contextlib.suppress(OSError, IndexError, ValueError):
+                if read_text(task + "comm").strip() == "zem_writer":
+                    fields = read_text(task + "stat").rsplit(")", 1)[1].split()
+                    out[tid] = int(fields[11]) + int(fields[12])
     return out
 
 

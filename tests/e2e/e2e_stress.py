@@ -25,7 +25,7 @@ hung; 1 otherwise.
 import sys
 import time
 
-from harness import Rig, arguments, eventually, json_lines, run_dir
+from harness import Rig, arguments, eventually, run_dir
 
 WINDOW = 10000
 MAIN = f"""
@@ -46,9 +46,8 @@ cfg_payload: "stress extra"
 """
 
 
-def samples(events, kid):
-    return sum(e.get("samples", 0) for e in events
-               if e.get("event", "window") == "window" and e.get("kind") == "counter"
+def samples(windows, kid):
+    return sum(e.get("samples", 0) for e in windows if e.get("kind") == "counter"
                and e.get("id") == kid)
 
 
@@ -111,12 +110,7 @@ def run(args, transport, workdir):
                 notes.append("sanitizer: " + err[max(0, i - 20):i + 300].replace("\n", " | "))
                 ok = False
         logged = s.logged()
-        received = [0, 0]
-        for d in s.daemons:
-            evs = list(json_lines(d.out()))
-            received = [received[0] + samples(evs, 1), received[1] + samples(evs, 2)]
-        evs = s.dumped()
-        cached = [samples(evs, 1), samples(evs, 2)]
+        received, cached = ([samples(w, k) for k in (1, 2)] for w in (s.received(), s.dumped()))
         starts = len(s.client_events("start"))
         stops = len(s.client_events("stop"))
         print(f"{transport:7} threads 2, campaign changes {changes} (client saw {starts} starts, "

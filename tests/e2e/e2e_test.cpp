@@ -12,12 +12,7 @@
 
 namespace {
 
-using zem_e2e::Child;
-using zem_e2e::count;
-using zem_e2e::events;
-using zem_e2e::eventually;
-using zem_e2e::jsonField;
-using zem_e2e::waitEvents;
+using namespace zem_e2e;
 using zem_test::TempDir;
 
 const char* kCampaign = R"(

@@ -32,7 +32,7 @@ def _die_with_parent():
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
-def _read(path):
+def read_text(path):
     with open(path, errors="replace") as f:
         return f.read()
 
@@ -57,10 +57,10 @@ class Proc:
             self.p.stderr.close()
 
     def out(self):
-        return _read(self.out_path)
+        return read_text(self.out_path)
 
     def err(self):
-        return _read(self.err_path)
+        return read_text(self.err_path)
 
     def send(self, line):
         try:
@@ -90,7 +90,7 @@ def json_lines(text):
 def proc_status(pid, field):
     """A number of /proc/PID/status (VmRSS, VmHWM in kB, Threads), or None."""
     with contextlib.suppress(OSError):
-        for line in _read(f"/proc/{pid}/status").splitlines():
+        for line in read_text(f"/proc/{pid}/status").splitlines():
             if line.startswith(field + ":"):
                 return int(line.split()[1])
     return None
@@ -230,6 +230,11 @@ class Rig:
     def started(self, samples, timeout=15):
         """Waits for a running campaign, then for `samples` more samples."""
         return self.wait_running(timeout) and self.wait_logged(samples, timeout)
+
+    def received(self):
+        """The counter windows of KPIs 1 and 2 that the daemons printed."""
+        return [e for d in self.daemons for e in json_lines(d.out()) if e.get("event") == "window"
+                and e.get("kind") == "counter" and e.get("id") in (1, 2)]
 
     def cache_files(self):
         with contextlib.suppress(OSError):
