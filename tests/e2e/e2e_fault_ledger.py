@@ -483,7 +483,6 @@ def run(args, sc, workdir):
     row = dict.fromkeys(("closed", "received", "lost", "stranded", "duplicates", "strangers",
                          "open_dropped"), 0) if getattr(s, "no_ledger", False) else s.ledger_row()
     secs = time.monotonic() - t0
-    row.update(name=sc["name"], transport=sc["transport"], notes=s.notes, secs=round(secs, 1))
     # Every closed window arrived, or, where the design loses data, the
     # scenario says so (kept=False); never a duplicate, a stranger or a hang.
     bad = row["duplicates"] or row["strangers"] or any(n.startswith(("HANG", "ERROR")) for n in s.notes)
