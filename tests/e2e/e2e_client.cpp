@@ -51,6 +51,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -192,40 +193,25 @@ std::atomic<uint64_t>* counters(const std::string& ledger) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string transport = "grpc", socket, cache = ".", name = "e2e", ledger;
-    long rate = 200, retryMs = 0;
-    int threads = 0, collectors = 0;
-    size_t blobBytes = 0;
+    std::map<std::string, std::string> opt = {
+            {"--transport", "grpc"}, {"--socket", ""},      {"--cache", "."},
+            {"--name", "e2e"},       {"--collectors", "0"}, {"--retry-ms", "0"},
+            {"--start-result", "0"}, {"--threads", "0"},    {"--rate", "200"},
+            {"--blob-bytes", "0"},   {"--ledger", ""}};
     for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string opt = argv[i];
-        const char* v = argv[i + 1];
-        if (opt == "--transport") {
-            transport = v;
-        } else if (opt == "--socket") {
-            socket = v;
-        } else if (opt == "--cache") {
-            cache = v;
-        } else if (opt == "--name") {
-            name = v;
-        } else if (opt == "--collectors") {
-            collectors = atoi(v);
-        } else if (opt == "--retry-ms") {
-            retryMs = atol(v);
-        } else if (opt == "--start-result") {
-            gStartResult = atoi(v);
-        } else if (opt == "--threads") {
-            threads = atoi(v);
-        } else if (opt == "--rate") {
-            rate = atol(v);
-        } else if (opt == "--blob-bytes") {
-            blobBytes = static_cast<size_t>(atol(v));
-        } else if (opt == "--ledger") {
-            ledger = v;
-        } else {
-            fprintf(stderr, "e2e_client: unknown option %s\n", opt.c_str());
+        if (opt.count(argv[i]) == 0) {
+            fprintf(stderr, "e2e_client: unknown option %s\n", argv[i]);
             return 2;
         }
+        opt[argv[i]] = argv[i + 1];
     }
+    const std::string transport = opt["--transport"], socket = opt["--socket"],
+                      cache = opt["--cache"], name = opt["--name"], ledger = opt["--ledger"];
+    const long rate = atol(opt["--rate"].c_str()), retryMs = atol(opt["--retry-ms"].c_str());
+    const int threads = atoi(opt["--threads"].c_str());
+    const int collectors = atoi(opt["--collectors"].c_str());
+    const size_t blobBytes = static_cast<size_t>(atol(opt["--blob-bytes"].c_str()));
+    gStartResult = atoi(opt["--start-result"].c_str());
     gCollectors = std::max(collectors, 1);
     if (threads < 0 || threads > kMaxThreads || gCollectors > kMaxCollectors ||
         (transport != "grpc" && transport != "binder")) {

@@ -25,7 +25,7 @@ hung; 1 otherwise.
 import sys
 import time
 
-from harness import Rig, Workdir, arguments, eventually, json_lines
+from harness import Rig, arguments, eventually, run_dir
 
 WINDOW = 10000
 MAIN = f"""
@@ -46,9 +46,8 @@ cfg_payload: "stress extra"
 """
 
 
-def samples(events, kid):
-    return sum(e.get("samples", 0) for e in events
-               if e.get("event", "window") == "window" and e.get("kind") == "counter"
+def samples(windows, kid):
+    return sum(e.get("samples", 0) for e in windows if e.get("kind") == "counter"
                and e.get("id") == kid)
 
 
@@ -61,7 +60,7 @@ def run(args, transport, workdir):
     try:
         s.start_daemon()
         c = s.start_client(rate=0, threads=2, retry_ms=1000)
-        if not eventually(lambda: s.running(c), 15):
+        if not eventually(lambda: s.running(), 15):
             notes.append("campaign never started")
             ok = False
         start = time.monotonic()
@@ -77,17 +76,17 @@ def run(args, transport, workdir):
             changes += 1
             time.sleep(0.003)
             if time.monotonic() >= next_kill:
-                starts = len(s.client_events("start", c))
+                starts = len(s.client_events("start"))
                 s.daemon().kill()
                 kills += 1
                 # The client notices (its campaign stops) before the new
                 # daemon comes up, registers again (1 s apart) and gets the
                 # campaign at registration; only then does the cycle go on,
                 # so that no push of the main campaign meets a running one.
-                if not eventually(lambda: not s.running(c), 10):
+                if not eventually(lambda: not s.running(), 10):
                     notes.append("the client did not notice the daemon's death")
                 s.start_daemon()
-                if not eventually(lambda: len(s.client_events("start", c)) > starts, 15):
+                if not eventually(lambda: len(s.client_events("start")) > starts, 15):
                     notes.append("the client did not get a campaign from the restarted daemon")
                     ok = False
                 step = 0
@@ -96,7 +95,7 @@ def run(args, transport, workdir):
         # file arrive.
         s.control("stop", timeout=2)
         s.control(f"push {main_path}", timeout=2)
-        eventually(lambda: s.running(c), 10)
+        eventually(lambda: s.running(), 10)
         s.stop_and_drain()
         if not s.quit_client(timeout=20):
             ok = False
@@ -111,14 +110,9 @@ def run(args, transport, workdir):
                 notes.append("sanitizer: " + err[max(0, i - 20):i + 300].replace("\n", " | "))
                 ok = False
         logged = s.logged()
-        received = [0, 0]
-        for d in s.daemons:
-            evs = list(json_lines(d.out()))
-            received = [received[0] + samples(evs, 1), received[1] + samples(evs, 2)]
-        evs = s.dumped()
-        cached = [samples(evs, 1), samples(evs, 2)]
-        starts = len(s.client_events("start", c))
-        stops = len(s.client_events("stop", c))
+        received, cached = ([samples(w, k) for k in (1, 2)] for w in (s.received(), s.dumped()))
+        starts = len(s.client_events("start"))
+        stops = len(s.client_events("stop"))
         print(f"{transport:7} threads 2, campaign changes {changes} (client saw {starts} starts, "
               f"{stops} stops), daemon kills {kills}", flush=True)
         for t in range(2):
@@ -146,7 +140,7 @@ def main():
         ap.add_argument("--kill-every", type=float, default=2)
         ap.add_argument("--transport", nargs="*", default=["grpc", "binder"])
     args = arguments(__doc__, add)
-    with Workdir(args, "zem-stress-") as workdir:
+    with run_dir(args, "zem-stress-") as workdir:
         results = [run(args, t, workdir) for t in args.transport]
     return 0 if all(results) else 1
 

@@ -12,20 +12,8 @@
 
 namespace {
 
-using zem_e2e::Child;
-using zem_e2e::count;
-using zem_e2e::events;
-using zem_e2e::eventually;
-using zem_e2e::jsonField;
+using namespace zem_e2e;
 using zem_test::TempDir;
-
-// The programs these tests start may be ThreadSanitizer builds as well; they
-// run gRPC, so they get its suppressions.
-const bool kChildSuppressions = [] {
-    const char* old = getenv("TSAN_OPTIONS");
-    const std::string value = std::string(old ? old : "") + " suppressions=" GRPC_TSAN_SUPP;
-    return setenv("TSAN_OPTIONS", value.c_str(), 1) == 0;
-}();
 
 const char* kCampaign = R"(
 kpiCfgs { id: 10 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 10 }
@@ -144,28 +132,26 @@ class E2ETest : public ::testing::Test {
         if (withCampaign) argv.insert(argv.end(), {"--campaign", campaign});
         argv.insert(argv.end(), extra.begin(), extra.end());
         auto d = std::make_unique<Child>(argv, dir.file(name + ".out"), dir.file(name + ".err"));
-        EXPECT_TRUE(eventually([&] {
-            return !events(d->out(), "listening").empty() &&
-                   !events(d->out(), "binder", "status", "0").empty();
-        })) << d->err();
+        EXPECT_TRUE(waitEvents(*d, 1, "listening") && waitEvents(*d, 1, "binder", "status", "0"))
+                << d->err();
         return d;
     }
 
     std::unique_ptr<Child> startClient(std::vector<std::string> extra = {},
-                                       const std::string& name = "client") {
+                                       const std::string& name = "client",
+                                       const std::vector<std::string>& env = {}) {
         std::vector<std::string> argv = {E2E_CLIENT_BIN, "--socket", socket, "--cache", cache};
         argv.insert(argv.end(), extra.begin(), extra.end());
-        return std::make_unique<Child>(argv, dir.file(name + ".out"), dir.file(name + ".err"));
+        return std::make_unique<Child>(argv, dir.file(name + ".out"), dir.file(name + ".err"), env);
     }
 
-    // Logs `n` samples and waits for the client's report of them.
+    // Logs `n` samples and waits for the client's report of them, the
+    // first with this count.
     void logSamples(Child& client, int n) {
-        const int before = count(client.out(), "e2e: logged ");
+        const std::string report = "e2e: logged " + std::to_string(n) + " rejected 0";
+        const int before = count(client.out(), report);
         client.send("log " + std::to_string(n));
-        ASSERT_TRUE(eventually([&] { return count(client.out(), "e2e: logged ") > before; }));
-        EXPECT_NE(client.out().find("e2e: logged " + std::to_string(n) + " rejected 0"),
-                  std::string::npos)
-                << client.out();
+        EXPECT_TRUE(client.waitFor(report, before + 1)) << client.out();
     }
 
     // kpidata files left in a cache folder.
@@ -239,14 +225,11 @@ TEST_P(E2ETransportTest, CampaignRoundTripFromRegistrationToDeregistration) {
 
     // Registration, then the campaign: each start callback gets the payload,
     // its result is the answer, which zemd prints after the callback returned.
-    ASSERT_TRUE(eventually([&] { return count(client->out(), "e2e: start-callback") == int(n); }))
-            << client->err();
+    ASSERT_TRUE(client->waitFor("e2e: start-callback", int(n))) << client->err();
     const std::vector<std::string> toks = tokens(daemon->out());
     ASSERT_EQ(toks.size(), n);
     EXPECT_EQ(count(client->out(), " len=11 payload=e2e payload\n"), int(n));
-    ASSERT_TRUE(eventually([&] {
-        return events(daemon->out(), "response", "status", "5").size() == n;
-    })) << daemon->out();
+    ASSERT_TRUE(waitEvents(*daemon, n, "response", "status", "5")) << daemon->out();
     const std::string err = client->err();
     if (grpc()) {
         const std::string reg = events(daemon->out(), "register")[0];
@@ -278,10 +261,7 @@ TEST_P(E2ETransportTest, CampaignRoundTripFromRegistrationToDeregistration) {
     logSamples(*client, 25);
     daemon->send("stop");
     const olvan::KPIData want = expectedWindows(0, 25);
-    ASSERT_TRUE(eventually([&] {
-        return events(daemon->out(), "window").size() == n * windowCount(want);
-    })) << daemon->out()
-        << client->err();
+    ASSERT_TRUE(waitEvents(*daemon, n * windowCount(want), "window")) << client->err();
     for (const std::string& t : toks) {
         const auto data = events(daemon->out(), "data", "clientid", t);
         ASSERT_EQ(data.size(), 1u);
@@ -293,7 +273,7 @@ TEST_P(E2ETransportTest, CampaignRoundTripFromRegistrationToDeregistration) {
         EXPECT_EQ(received.version(), olvan::V1);
         expectSameWindows(want, received);
     }
-    EXPECT_TRUE(eventually([&] { return count(client->out(), "e2e: stop-callback") == int(n); }));
+    EXPECT_TRUE(client->waitFor("e2e: stop-callback", int(n)));
     // Delivered files leave the cache.
     EXPECT_TRUE(eventually([&] { return cachedFiles() == 0; }));
 
@@ -306,8 +286,7 @@ TEST_P(E2ETransportTest, CampaignRoundTripFromRegistrationToDeregistration) {
     if (grpc()) {
         EXPECT_EQ(jsonField(dereg[0], "token"), toks[0]);
         EXPECT_EQ(jsonField(dereg[0], "clientid"), "");
-        EXPECT_TRUE(eventually(
-                [&] { return !events(daemon->out(), "stream", "state", "closed").empty(); }));
+        EXPECT_TRUE(waitEvents(*daemon, 1, "stream", "state", "closed"));
     }
 }
 
@@ -327,13 +306,10 @@ TEST_F(E2ETest, HostileCacheEntriesNeitherBlockTheStartNorReachTheDaemon) {
 
     auto daemon = startDaemon("zemd");
     auto client = startClient();
-    ASSERT_TRUE(eventually([&] { return !events(daemon->out(), "response").empty(); }))
-            << client->err();
-    EXPECT_EQ(jsonField(events(daemon->out(), "response")[0], "status"), "0");
+    ASSERT_TRUE(waitEvents(*daemon, 1, "response", "status", "0")) << client->err();
     logSamples(*client, 25);
     daemon->send("stop");
-    ASSERT_TRUE(eventually([&] { return !events(daemon->out(), "data").empty(); }))
-            << client->err();
+    ASSERT_TRUE(waitEvents(*daemon, 1, "data")) << client->err();
     client->send("quit");
     EXPECT_EQ(client->waitExit(), 0);
 
@@ -359,8 +335,7 @@ TEST_P(E2ETransportTest, KilledDaemonLosesNoWindowOnceANewOneStarts) {
     auto first = startDaemon("zemd1");
     auto client = startClient();
     const size_t n = collectors();
-    ASSERT_TRUE(eventually([&] { return count(client->out(), "e2e: start-callback") == int(n); }))
-            << client->err();
+    ASSERT_TRUE(client->waitFor("e2e: start-callback", int(n))) << client->err();
     const std::vector<std::string> firstTokens = tokens(first->out());
     logSamples(*client, 25);
 
@@ -369,10 +344,9 @@ TEST_P(E2ETransportTest, KilledDaemonLosesNoWindowOnceANewOneStarts) {
     // callback: wait for those lines, not for the callbacks.
     first->signal(SIGKILL);
     EXPECT_EQ(first->waitExit(), 128 + SIGKILL);
-    ASSERT_TRUE(eventually([&] {
-        return count(client->err(), GetParam().keptLine) == int(n) &&
-               count(client->out(), "e2e: stop-callback") == int(n);
-    })) << client->err();
+    ASSERT_TRUE(client->waitFor(GetParam().keptLine, int(n), true) &&
+                client->waitFor("e2e: stop-callback", int(n)))
+            << client->err();
     for (const std::string& f : GetParam().folders) EXPECT_EQ(cached(cache + f), 1u) << f;
     EXPECT_TRUE(events(first->out(), "data").empty());
     if (!grpc()) {
@@ -394,9 +368,7 @@ TEST_P(E2ETransportTest, KilledDaemonLosesNoWindowOnceANewOneStarts) {
     // A new daemon: the collectors register again, get the campaign again,
     // and the kept files grow with the new campaign's windows.
     auto second = startDaemon("zemd2");
-    ASSERT_TRUE(eventually([&] {
-        return count(client->out(), "e2e: start-callback") == int(2 * n);
-    })) << client->err();
+    ASSERT_TRUE(client->waitFor("e2e: start-callback", int(2 * n))) << client->err();
     const std::vector<std::string> secondTokens = tokens(second->out());
     ASSERT_EQ(secondTokens.size(), n);
     logSamples(*client, 15);
@@ -404,9 +376,7 @@ TEST_P(E2ETransportTest, KilledDaemonLosesNoWindowOnceANewOneStarts) {
 
     olvan::KPIData want = expectedWindows(0, 25);
     want.MergeFrom(expectedWindows(25, 40));
-    EXPECT_TRUE(eventually([&] {
-        return events(second->out(), "window").size() == n * windowCount(want);
-    })) << second->out();
+    EXPECT_TRUE(waitEvents(*second, n * windowCount(want), "window")) << second->out();
     for (const std::string& t : secondTokens) {
         olvan::KPIData received;
         for (const std::string& d : events(second->out(), "data", "clientid", t)) {
@@ -425,32 +395,30 @@ TEST_P(E2ETransportTest, KilledDaemonLosesNoWindowOnceANewOneStarts) {
 TEST_F(E2ETest, DaemonEndingTheStreamGivesOneReRegistration) {
     auto daemon = startDaemon("zemd", /*withCampaign=*/false);
     auto client = startClient();
-    ASSERT_TRUE(eventually(
-            [&] { return events(daemon->out(), "stream", "state", "open").size() == 1; }));
+    ASSERT_TRUE(waitEvents(*daemon, 1, "stream", "state", "open"));
 
     // Collection commands are refused; an empty command gets no answer.
     daemon->send("start-collection");
     daemon->send("empty");
     daemon->send("stop-collection");
-    ASSERT_TRUE(eventually([&] { return events(daemon->out(), "response").size() == 2; }));
+    ASSERT_TRUE(waitEvents(*daemon, 2, "response"));
     for (const std::string& r : events(daemon->out(), "response")) {
         EXPECT_EQ(jsonField(r, "status"), "-1");
         EXPECT_EQ(jsonField(r, "seq_no"), "0");
     }
 
     daemon->send("end");
-    ASSERT_TRUE(eventually(
-            [&] { return events(daemon->out(), "stream", "state", "open").size() == 2; }));
+    ASSERT_TRUE(waitEvents(*daemon, 2, "stream", "state", "open"));
     // The new stream answers, and no further registration follows.
     daemon->send("start-collection");
-    ASSERT_TRUE(eventually([&] { return events(daemon->out(), "response").size() == 3; }));
+    ASSERT_TRUE(waitEvents(*daemon, 3, "response"));
     EXPECT_EQ(count(client->out(), "Register Client success"), 2);
     EXPECT_EQ(count(client->err(), "LostConn deleteing client instance"), 1);
 
     // Up to the deregistration, which carries the second token.
     client->send("quit");
     EXPECT_EQ(client->waitExit(), 0);
-    ASSERT_TRUE(eventually([&] { return events(daemon->out(), "deregister").size() == 1; }));
+    ASSERT_TRUE(waitEvents(*daemon, 1, "deregister"));
     const auto regs = events(daemon->out(), "register");
     ASSERT_EQ(regs.size(), 2u);
     EXPECT_EQ(jsonField(events(daemon->out(), "deregister")[0], "token"),
@@ -461,16 +429,14 @@ TEST_F(E2ETest, ClientExitingWithItsStreamOpenEndsCleanly) {
     auto daemon = startDaemon("zemd");
     // The handle is never released, so its finished registration thread is
     // never joined: expected here, not a leak to report.
-    const std::string saved = getenv("TSAN_OPTIONS");
-    setenv("TSAN_OPTIONS", (saved + " report_thread_leaks=0").c_str(), 1);
-    auto client = startClient();
-    setenv("TSAN_OPTIONS", saved.c_str(), 1);
-    ASSERT_TRUE(eventually([&] { return count(client->out(), "e2e: start-callback") == 1; }));
+    auto client = startClient(
+            {}, "client",
+            {"TSAN_OPTIONS=" + std::string(getenv("TSAN_OPTIONS")) + " report_thread_leaks=0"});
+    ASSERT_TRUE(client->waitFor("e2e: start-callback"));
     logSamples(*client, 5);
     client->send("exit");
     EXPECT_EQ(client->waitExit(), 0) << client->err();
-    EXPECT_TRUE(eventually(
-            [&] { return !events(daemon->out(), "stream", "state", "closed").empty(); }));
+    EXPECT_TRUE(waitEvents(*daemon, 1, "stream", "state", "closed"));
 }
 
 // A daemon that sends a campaign stop from inside its own handler of the
@@ -489,18 +455,15 @@ TEST_F(E2ETest, StopSentFromInsideTheBinderClientsCallIsAnsweredAndLosesNothing)
         SCOPED_TRACE(fault);
         auto daemon = startDaemon("zemd-" + fault, true, {"--fault", fault});
         auto client = startClient(kBinder.args, "client-" + fault);
-        ASSERT_TRUE(eventually([&] { return count(client->out(), "e2e: start-callback") == 2; }))
-                << client->err();
+        ASSERT_TRUE(client->waitFor("e2e: start-callback", 2)) << client->err();
         // Under stop-in-send the first rollover's delivery brings the stop.
         logSamples(*client, 100);
         // The stop sent from inside the call got its answer: the stop
         // callback's result, or -1 for a registration whose token the client
         // does not know before the call returns.
-        ASSERT_TRUE(eventually([&] {
-            return events(daemon->out(), "command", "command", "stopCampaign").size() == 1 &&
-                   events(daemon->out(), "response").size() == 3;
-        })) << daemon->out()
-            << client->out() << client->err();
+        ASSERT_TRUE(waitEvents(*daemon, 1, "command", "command", "stopCampaign") &&
+                    waitEvents(*daemon, 3, "response"))
+                << daemon->out() << client->out() << client->err();
         EXPECT_EQ(fault == "stop-in-send" ? 3u : 2u,
                   events(daemon->out(), "response", "status", "0").size())
                 << daemon->out();
@@ -521,53 +484,6 @@ TEST_F(E2ETest, StopSentFromInsideTheBinderClientsCallIsAnsweredAndLosesNothing)
         daemon->signal(SIGTERM);
         daemon->waitExit();
     }
-}
-
-TEST_F(E2ETest, ToolsExplainBadInputAndExitWithDistinctStatuses) {
-    auto run = [&](std::vector<std::string> argv, std::string* err) {
-        Child c(argv, dir.file("tool.out"), dir.file("tool.err"));
-        const int status = c.waitExit();
-        *err = c.err() + c.out();
-        return status;
-    };
-    std::string text;
-
-    zem_test::writeFile(dir.file("bad.txtpb"), "kpiCfgs {\n  id: 1\n  type: KPI_NUMERC\n}\n");
-    EXPECT_EQ(run({ZEMD_BIN, "--campaign", dir.file("bad.txtpb"), "--socket", socket}, &text), 2);
-    EXPECT_NE(text.find("Unknown enumeration value of \"KPI_NUMERC\""), std::string::npos) << text;
-    zem_test::writeFile(dir.file("bad.txtpb"), "time_threshold: 5\nsize_threshold: abc\n");
-    EXPECT_EQ(run({ZEMD_BIN, "--campaign", dir.file("bad.txtpb"), "--socket", socket}, &text), 2);
-    EXPECT_NE(text.find(dir.file("bad.txtpb") + ":2:17: Expected integer"), std::string::npos)
-            << text;
-
-    EXPECT_EQ(run({ZEMD_BIN, "--socket", dir.file("missing/spc")}, &text), 3);
-    EXPECT_NE(text.find("does not exist"), std::string::npos) << text;
-
-    zem_test::writeFile(dir.file("plainfile"), "");
-    EXPECT_EQ(run({ZEMD_BIN, "--socket", socket, "--out", dir.file("plainfile/out")}, &text), 4);
-    EXPECT_NE(text.find("cannot create output folder"), std::string::npos) << text;
-
-    EXPECT_EQ(run({ZEMD_BIN, "--stop-after", "soon"}, &text), 2);
-    EXPECT_EQ(run({ZEMD_BIN, "--help"}, &text), 0);
-    EXPECT_NE(text.find("examples:"), std::string::npos);
-
-    // A second daemon on a live socket is refused rather than stealing it.
-    auto daemon = startDaemon("zemd");
-    EXPECT_EQ(run({ZEMD_BIN, "--socket", socket}, &text), 3);
-    EXPECT_NE(text.find("another server is listening"), std::string::npos) << text;
-    daemon->signal(SIGTERM);
-    EXPECT_EQ(daemon->waitExit(), 0);
-    EXPECT_NE(access(socket.c_str(), F_OK), 0);
-
-    // zemdump reads what the collector writes and refuses what it does not.
-    zem_test::writeFile(dir.file("kpidata.1"), expectedWindows(0, 12).SerializeAsString());
-    EXPECT_EQ(run({ZEMDUMP_BIN, dir.file("kpidata.1")}, &text), 0);
-    EXPECT_EQ(count(text, " id="), 8) << text;
-    EXPECT_NE(text.find("id=10    counter   t=0.0s..0.0s n=10    value=20"), std::string::npos)
-            << text;
-    zem_test::writeFile(dir.file("garbage"), "\xff\xff\xff");
-    EXPECT_EQ(run({ZEMDUMP_BIN, dir.file("garbage")}, &text), 1);
-    EXPECT_NE(text.find("not a cache file"), std::string::npos) << text;
 }
 
 }  // namespace

@@ -2,11 +2,11 @@
 the soak, memory_bounds): zemd and e2e_client as real processes, each in its
 own process group, dying with the script, killed at the end of its run; their
 output in files; zemd's JSON event lines and the client's "e2e:" lines read
-back; every wait bounded.
+back; every wait bounded, and every wait is eventually().
 """
 import argparse
+import contextlib
 import ctypes
-import itertools
 import json
 import os
 import shutil
@@ -18,101 +18,81 @@ import tempfile
 import time
 
 
+def eventually(cond, timeout):
+    """Polls `cond` every 20 ms until it holds or `timeout` seconds passed."""
+    end = time.monotonic() + timeout
+    while not cond():
+        if time.monotonic() > end:
+            return False
+        time.sleep(0.02)
+    return True
+
+
 def _die_with_parent():
-    libc = ctypes.CDLL(None, use_errno=True)
-    libc.prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+    ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+
+
+def read_text(path):
+    with open(path, errors="replace") as f:
+        return f.read()
 
 
 class Proc:
-    """A child in its own process group, output in files; killed on kill().
-    `quiet` keeps only the library's ERROR lines of its standard error (the
-    window lines run to many MB/s) and drops its standard output when
-    `out` is None."""
+    """A child in its own process group, output in files (none when `out` is
+    None); killed on kill(). `quiet` keeps only the library's ERROR lines of
+    its standard error (the window lines run to many MB/s)."""
 
-    def __init__(self, argv, out, env=None, stdin=False, quiet=False):
-        if out is None:
-            self.out_path = self.err_path = os.devnull
-        else:
-            self.out_path, self.err_path = out + ".out", out + ".err"
-            open(self.err_path, "wb").close()
-        err = subprocess.PIPE if quiet else open(self.err_path, "wb")
-        self.p = subprocess.Popen(
-            argv, stdout=open(self.out_path, "wb"), stderr=err,
-            stdin=subprocess.PIPE if stdin else subprocess.DEVNULL, env=env,
-            start_new_session=True, preexec_fn=_die_with_parent)
+    def __init__(self, argv, out, env, stdin=False, quiet=False):
+        self.out_path, self.err_path = (out + ".out", out + ".err") if out else (os.devnull,) * 2
+        err = open(self.err_path, "wb")
+        group = dict(start_new_session=True, preexec_fn=_die_with_parent)
+        self.p = subprocess.Popen(argv, stdout=open(self.out_path, "wb"),
+                                  stderr=subprocess.PIPE if quiet else err,
+                                  stdin=subprocess.PIPE if stdin else subprocess.DEVNULL, env=env,
+                                  **group)
         self.grep = None
         if quiet:
             self.grep = subprocess.Popen(["grep", "-a", "--line-buffered", "zem_sdk E"],
-                                         stdin=self.p.stderr, stdout=open(self.err_path, "wb"),
-                                         start_new_session=True, preexec_fn=_die_with_parent)
+                                         stdin=self.p.stderr, stdout=err, **group)
             self.p.stderr.close()
 
     def out(self):
-        with open(self.out_path, errors="replace") as f:
-            return f.read()
+        return read_text(self.out_path)
 
     def err(self):
-        with open(self.err_path, errors="replace") as f:
-            return f.read()
+        return read_text(self.err_path)
 
     def send(self, line):
         try:
             self.p.stdin.write((line + "\n").encode())
             self.p.stdin.flush()
-            return True
-        except (BrokenPipeError, OSError):
-            return False
+        except OSError:
+            pass
 
     def alive(self):
         return self.p.poll() is None
 
-    def wait(self, timeout):
-        try:
-            return self.p.wait(timeout=timeout)
-        except subprocess.TimeoutExpired:
-            return None
-
     def kill(self):
-        for p in (self.p, self.grep):
-            if p is None:
-                continue
-            try:
+        for p in filter(None, (self.p, self.grep)):
+            with contextlib.suppress(ProcessLookupError):
                 os.killpg(p.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-            try:
+            with contextlib.suppress(subprocess.TimeoutExpired):
                 p.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                pass
-
-
-def eventually(cond, timeout):
-    end = time.monotonic() + timeout
-    while time.monotonic() < end:
-        if cond():
-            return True
-        time.sleep(0.02)
-    return bool(cond())
 
 
 def json_lines(text):
     for line in text.splitlines():
         if line.startswith("{"):
-            try:
+            with contextlib.suppress(ValueError):
                 yield json.loads(line)
-            except ValueError:
-                pass
 
 
 def proc_status(pid, field):
     """A number of /proc/PID/status (VmRSS, VmHWM in kB, Threads), or None."""
-    try:
-        with open(f"/proc/{pid}/status") as f:
-            for line in f:
-                if line.startswith(field + ":"):
-                    return int(line.split()[1])
-    except OSError:
-        pass
+    with contextlib.suppress(OSError):
+        for line in read_text(f"/proc/{pid}/status").splitlines():
+            if line.startswith(field + ":"):
+                return int(line.split()[1])
     return None
 
 
@@ -131,37 +111,32 @@ def arguments(doc, add=lambda ap: None):
     return args
 
 
-class Workdir:
+@contextlib.contextmanager
+def run_dir(args, prefix):
     """The folder of a run: --keep's, or a temporary one removed at the end."""
-
-    def __init__(self, args, prefix):
-        self.keep = args.keep
-        self.path = args.keep or tempfile.mkdtemp(prefix=prefix)
-        os.makedirs(self.path, exist_ok=True)
-
-    def __enter__(self):
-        return self.path
-
-    def __exit__(self, *exc):
-        if not self.keep:
-            shutil.rmtree(self.path, ignore_errors=True)
+    path = args.keep or tempfile.mkdtemp(prefix=prefix)
+    os.makedirs(path, exist_ok=True)
+    try:
+        yield path
+    finally:
+        if not args.keep:
+            shutil.rmtree(path, ignore_errors=True)
 
 
 class Rig:
     """zemd and e2e_client runs sharing one folder, socket, cache folder,
-    ledger file and binder registry."""
+    ledger file and binder registry. The client methods act on the last
+    client started."""
 
     def __init__(self, args, name, transport, workdir, campaign=""):
-        self.args, self.name, self.transport = args, name, transport
+        self.args, self.name, self.transport, self.campaign = args, name, transport, campaign
         self.dir = os.path.join(workdir, f"{name}-{transport}")
         self.cache = os.path.join(self.dir, "cache")
         os.makedirs(self.cache)
         self.sock = os.path.join(self.dir, "spc.sock")
         self.ledger = os.path.join(self.dir, "ledger")
         self.env = dict(os.environ, HOST_BINDER_REGISTRY=f"zem_{os.getpid()}_{name}_{transport}")
-        self.daemons, self.clients, self.notes = [], [], []
-        self.client_wrapper = []
-        self.campaign = campaign
+        self.daemons, self.clients, self.notes, self.client_wrapper = [], [], [], []
 
     def write(self, name, text):
         path = os.path.join(self.dir, name)
@@ -175,14 +150,13 @@ class Rig:
     def start_daemon(self, faults=(), campaign=True, extra=(), quiet=False):
         """zemd with the campaign, up on both transports (on gRPC only when
         `quiet`: its output is dropped)."""
-        argv = [self.args.zemd, "--socket", self.sock, "--out", os.path.join(self.dir, "out")]
-        argv += list(extra) + ([] if quiet else ["--json"])
-        if campaign:
-            argv += ["--campaign", self.campaign_file()]
+        argv = [self.args.zemd, "--socket", self.sock, "--out", os.path.join(self.dir, "out"),
+                *extra, *([] if quiet else ["--json"])]
+        argv += ["--campaign", self.campaign_file()] if campaign else []
         for f in faults:
             argv += ["--fault", f]
-        out = None if quiet else os.path.join(self.dir, f"zemd{len(self.daemons)}")
-        d = Proc(argv, out, env=self.env)
+        d = Proc(argv, None if quiet else os.path.join(self.dir, f"zemd{len(self.daemons)}"),
+                 self.env)
         self.daemons.append(d)
         up = (lambda: os.path.exists(self.sock)) if quiet else (
             lambda: any(e.get("event") == "binder" and e.get("status") == 0
@@ -191,17 +165,14 @@ class Rig:
             raise RuntimeError(f"zemd did not come up: {d.err()[-500:]}")
         return d
 
-    def start_client(self, rate=200, threads=1, cache=None, quiet=False, retry_ms=None,
-                     extra=()):
+    def start_client(self, rate=200, threads=1, quiet=False, retry_ms=None, extra=()):
         argv = self.client_wrapper + [
-            self.args.client, "--transport", self.transport, "--cache", cache or self.cache,
+            self.args.client, "--transport", self.transport, "--cache", self.cache,
             "--threads", str(threads), "--rate", str(rate), "--ledger", self.ledger, *extra]
-        if retry_ms:
-            argv += ["--retry-ms", str(retry_ms)]
-        if self.transport == "grpc":
-            argv += ["--socket", self.sock]
-        c = Proc(argv, os.path.join(self.dir, f"client{len(self.clients)}"), env=self.env,
-                 stdin=True, quiet=quiet)
+        argv += ["--retry-ms", str(retry_ms)] if retry_ms else []
+        argv += ["--socket", self.sock] if self.transport == "grpc" else []
+        c = Proc(argv, os.path.join(self.dir, f"client{len(self.clients)}"), self.env, stdin=True,
+                 quiet=quiet)
         self.clients.append(c)
         return c
 
@@ -213,47 +184,36 @@ class Rig:
 
     def control(self, command, timeout=10):
         """One zemd control command over its control socket; its answer."""
-        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        s.settimeout(timeout)
         try:
-            s.connect(self.sock + ".ctl")
-            s.sendall((command + "\n").encode())
-            data = b""
-            while True:
-                chunk = s.recv(4096)
-                if not chunk:
-                    break
-                data += chunk
-            return data.decode(errors="replace")
+            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+                s.settimeout(timeout)
+                s.connect(self.sock + ".ctl")
+                s.sendall((command + "\n").encode())
+                return b"".join(iter(lambda: s.recv(4096), b"")).decode(errors="replace")
         except OSError as e:
             return f"error {e}"
-        finally:
-            s.close()
 
     # --- what the client says ------------------------------------------
-    def client_events(self, word, client=None):
+    def client_events(self, word):
         """The numbers of the client's "e2e: WORD ..." lines ("start" and
         "stop" for the callbacks, "end"), one list per line."""
         out = []
-        for line in (client or self.client()).out().splitlines():
+        for line in self.client().out().splitlines():
             parts = line.split()
             if len(parts) >= 3 and parts[0] == "e2e:" and parts[1].replace("-callback", "") == word:
-                out.append([int(x) for x in itertools.takewhile(str.isdigit, parts[2:])])
+                out.append([int(x) for x in parts[2:5] if x.isdigit()])
         return out
 
-    def running(self, client=None):
+    def running(self):
         """Whether the client's last campaign callback was a start."""
-        c = client or self.client()
-        last = [line.split()[1] for line in c.out().splitlines()
+        last = [line.split()[1] for line in self.client().out().splitlines()
                 if line.startswith(("e2e: start-callback", "e2e: stop-callback"))]
         return bool(last) and last[-1] == "start-callback"
 
-    def wait_running(self, timeout=15, client=None):
+    def wait_running(self, timeout=15):
         """Waits for a new campaign start, or for one that already runs."""
-        c = client or self.client()
-        n = len(self.client_events("start", c))
-        return eventually(lambda: self.running(c) or len(self.client_events("start", c)) > n,
-                          timeout)
+        n = len(self.client_events("start"))
+        return eventually(lambda: self.running() or len(self.client_events("start")) > n, timeout)
 
     def logged(self):
         """Samples logged so far, per thread, from the ledger file."""
@@ -267,16 +227,23 @@ class Rig:
         base = sum(self.logged())
         return eventually(lambda: sum(self.logged()) >= base + extra, timeout)
 
-    def cache_files(self, cache=None):
-        try:
-            return sorted(f for f in os.listdir(cache or self.cache) if f.startswith("kpidata."))
-        except OSError:
-            return []
+    def started(self, samples, timeout=15):
+        """Waits for a running campaign, then for `samples` more samples."""
+        return self.wait_running(timeout) and self.wait_logged(samples, timeout)
 
-    def dumped(self, cache=None):
+    def received(self):
+        """The counter windows of KPIs 1 and 2 that the daemons printed."""
+        return [e for d in self.daemons for e in json_lines(d.out()) if e.get("event") == "window"
+                and e.get("kind") == "counter" and e.get("id") in (1, 2)]
+
+    def cache_files(self):
+        with contextlib.suppress(OSError):
+            return sorted(f for f in os.listdir(self.cache) if f.startswith("kpidata."))
+        return []
+
+    def dumped(self):
         """zemdump's JSON lines of the files left in the cache folder."""
-        d = cache or self.cache
-        files = [os.path.join(d, f) for f in self.cache_files(d)]
+        files = [os.path.join(self.cache, f) for f in self.cache_files()]
         if not files:
             return []
         r = subprocess.run([self.args.zemdump, "--json"] + files, capture_output=True, text=True,
@@ -284,29 +251,34 @@ class Rig:
         return list(json_lines(r.stdout))
 
     def stop_and_drain(self, timeout=15):
-        """Stops the campaign from the daemon and waits for the last file."""
-        c = self.client()
-        stops = len(self.client_events("stop", c))
+        """Stops the campaign from the daemon and waits for the last file to
+        leave the cache folder; the daemon prints a file's windows before it
+        answers, so they are printed by then."""
+        stops = len(self.client_events("stop"))
         self.control("stop")
-        stopped = eventually(lambda: len(self.client_events("stop", c)) > stops, timeout)
-        if stopped:
-            eventually(lambda: len(self.cache_files()) == 0, 5)
-            time.sleep(0.3)  # the daemon prints a file's windows before it answers
-        return stopped
+        if eventually(lambda: len(self.client_events("stop")) > stops, timeout):
+            eventually(lambda: not self.cache_files(), timeout)
 
-    def quit_client(self, timeout=15, client=None):
-        """Deregisters and ends the client; kills it (and says so) if it hangs."""
-        c = client or self.client()
+    def quit_client(self, timeout=15, rss_cap_kb=None):
+        """Deregisters and ends the client. One that has not exited `timeout`
+        seconds later, or whose memory passes `rss_cap_kb` meanwhile (a
+        runaway queue must not take the machine with it), is killed and
+        reported as a hang."""
+        c = self.client()
         c.send("quit")
-        rc = c.wait(timeout)
-        if rc is None:
-            self.notes.append(f"HANG: client did not exit {timeout}s after quit; killed")
+        t0 = time.monotonic()
+        eventually(lambda: not c.alive() or (proc_status(c.p.pid, "VmRSS") or 0) > (
+            rss_cap_kb or float("inf")), timeout)
+        if c.alive():
+            self.notes.append(f"HANG: client still running {time.monotonic() - t0:.1f}s after "
+                              f"quit (resident {(proc_status(c.p.pid, 'VmRSS') or 0) // 1024} "
+                              "MB); killed")
             c.kill()
             self.client_gone(c)
             return False
-        if rc != 0:
-            self.notes.append(f"ERROR: client exited with status {rc} after quit")
-        ends = self.client_events("end", c)
+        if c.p.returncode != 0:
+            self.notes.append(f"ERROR: client exited with status {c.p.returncode} after quit")
+        ends = self.client_events("end")
         if ends and ends[-1][0] == 1:
             self.client_gone(c)
         return True

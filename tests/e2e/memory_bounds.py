@@ -28,7 +28,7 @@ import sys
 import tempfile
 import time
 
-from harness import Rig, Workdir, arguments, largest_campaign, proc_status
+from harness import Rig, arguments, largest_campaign, proc_status, run_dir
 
 KIB = 1024
 
@@ -44,9 +44,8 @@ class Run(Rig):
                 f.write(data)
         self.start_daemon(quiet=True)
         self.start_client(threads=1, quiet=True, extra=client_args)
-
-    def wait_started(self, seconds=30):
-        return self.wait_running(timeout=seconds)
+        if not self.wait_running(timeout=60):
+            raise RuntimeError(f"{name}: campaign never started")
 
     def sample(self, pid, seconds):
         rss = []
@@ -82,41 +81,28 @@ def drops(errors):
     return f"{len(full)} 'Record queue full' lines, {told} drops told with their files"
 
 
-def one_sample(args, workdir):
-    campaign = ("kpiCfgs { id: 1 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 1 }\n"
-                "size_threshold: 4194304\ntime_threshold: 60\n")
-    r = Run(args, workdir, "one-sample", campaign, ["--rate", "0"])
-    if not r.wait_started():
-        raise RuntimeError("campaign never started")
-    rss, hwm = r.sample(r.client().p.pid, args.seconds)
-    errors = r.finish()
-    report("one-sample", "client", rss, hwm)
-    print(f"one-sample: {drops(errors)}")
+LIMITS = "size_threshold: 4194304\ntime_threshold: 60\n"
+ONE_SAMPLE = "kpiCfgs { id: 1 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 1 }\n" + LIMITS
+HUGE_BLOB = ("kpiCfgs { id: 1 type: KPI_BLOB nof_samples: 4294967295 b_cfg { "
+             "singleSampleSizeTresholdBytes: 524288 sampleRateThresholdPerSec: 1000 } }\n" + LIMITS)
 
 
-def huge_blob(args, workdir):
-    campaign = ("kpiCfgs { id: 1 type: KPI_BLOB nof_samples: 4294967295 b_cfg { "
-                "singleSampleSizeTresholdBytes: 524288 sampleRateThresholdPerSec: 1000 } }\n"
-                "size_threshold: 4194304\ntime_threshold: 60\n")
-    r = Run(args, workdir, "huge-blob", campaign, ["--rate", "0", "--blob-bytes", "524288"])
-    if not r.wait_started():
-        raise RuntimeError("campaign never started")
-    rss, hwm = r.sample(r.client().p.pid, args.seconds)
-    errors = r.finish()
-    report("huge-blob", "client", rss, hwm)
-    print(f"huge-blob: {drops(errors)}")
+def client_at_full_speed(name, campaign, *client_args):
+    def run(args, workdir):
+        r = Run(args, workdir, name, campaign, ["--rate", "0", *client_args])
+        rss, hwm = r.sample(r.client().p.pid, args.seconds)
+        errors = r.finish()
+        report(name, "client", rss, hwm)
+        print(f"{name}: {drops(errors)}")
+    return run
 
 
 def zemd_empty(args, workdir):
     # Version record, then empty counter windows (field 2, length 0).
     data = b"\x08\x01" + b"\x12\x00" * (4 * 1024 * 1024 - 1)
-    campaign = ("kpiCfgs { id: 1 type: KPI_NUMERIC subType: COUNTER c_cfg {} nof_samples: 1 }\n"
-                "size_threshold: 4194304\ntime_threshold: 60\n")
     # The client reopens the leftover at its campaign start; its first record
     # takes it past the threshold, so it is delivered at once.
-    r = Run(args, workdir, "zemd-empty", campaign, ["--rate", "200"], {"kpidata.1": data})
-    if not r.wait_started():
-        raise RuntimeError("campaign never started")
+    r = Run(args, workdir, "zemd-empty", ONE_SAMPLE, ["--rate", "200"], {"kpidata.1": data})
     rss, hwm = r.sample(r.daemon().p.pid, args.seconds)
     r.finish()
     report("zemd-empty", f"zemd ({len(data)} byte file)", rss, hwm)
@@ -135,8 +121,6 @@ def zemd_empty(args, workdir):
 def twenty_starts(args, workdir):
     campaign = largest_campaign()
     r = Run(args, workdir, "twenty-starts", campaign, ["--rate", "200"])
-    if not r.wait_started(seconds=60):
-        raise RuntimeError("campaign never started")
     time.sleep(1)
     after_one = proc_status(r.client().p.pid, "VmRSS")
     rss = [after_one]
@@ -150,8 +134,9 @@ def twenty_starts(args, workdir):
     report("twenty-starts", "client (after each start)", rss, hwm)
 
 
-SCENARIOS = {"one-sample": one_sample, "huge-blob": huge_blob, "zemd-empty": zemd_empty,
-             "twenty-starts": twenty_starts}
+SCENARIOS = {"one-sample": client_at_full_speed("one-sample", ONE_SAMPLE),
+             "huge-blob": client_at_full_speed("huge-blob", HUGE_BLOB, "--blob-bytes", "524288"),
+             "zemd-empty": zemd_empty, "twenty-starts": twenty_starts}
 
 
 def main():
@@ -159,7 +144,7 @@ def main():
         ap.add_argument("--seconds", type=int, default=30)
         ap.add_argument("--only", nargs="*")
     args = arguments(__doc__, add)
-    with Workdir(args, "zem-mem-") as workdir:
+    with run_dir(args, "zem-mem-") as workdir:
         for name, func in SCENARIOS.items():
             if not args.only or name in args.only:
                 func(args, workdir)

@@ -21,7 +21,7 @@ import sys
 import time
 
 from e2e_fault_ledger import Scenario
-from harness import Workdir, arguments, json_lines, proc_status
+from harness import arguments, proc_status, run_dir
 
 WINDOW = 1000
 CAMPAIGN = f"""
@@ -48,7 +48,7 @@ def main():
         ap.add_argument("--transport", default="grpc", choices=("grpc", "binder"))
         ap.add_argument("--samples")
     args = arguments(__doc__, add)
-    with Workdir(args, "zem-soak-") as workdir:
+    with run_dir(args, "zem-soak-") as workdir:
         return soak(args, workdir)
 
 
@@ -111,12 +111,8 @@ def soak(args, workdir):
                 for t in range(2):
                     closed_windows += (counts[t] - begin[t] + WINDOW - 1) // WINDOW
                 begin = None
-    got_windows = got_samples = 0
-    for d in s.daemons:
-        for e in json_lines(d.out()):
-            if e.get("event") == "window" and e.get("id") in (1, 2):
-                got_windows += 1
-                got_samples += e.get("samples", 0)
+    got_windows = len(s.received())
+    got_samples = sum(e.get("samples", 0) for e in s.received())
     cached = 0
     for t in s.in_cache().values():
         cached += len(t)

@@ -107,6 +107,10 @@ TEST_F(ToolsTest, ZemctlAndZemdExplainFailuresWithDistinctStatuses) {
         args.insert(args.begin(), {ZEMCTL_BIN, "--socket", socket});
         return args;
     };
+    zem_test::writeFile(dir.file("plainfile"), "");
+    olvan::KPIData windows;
+    appendWindows(&windows, 0, 20, 1, 9, 5, {1, 2, 3, 4}, "ab");
+    zem_test::writeFile(dir.file("kpidata.1"), windows.SerializeAsString());
     struct Case {
         bool daemon;  // a zemd runs at `socket`
         std::vector<std::string> argv;
@@ -121,6 +125,21 @@ TEST_F(ToolsTest, ZemctlAndZemdExplainFailuresWithDistinctStatuses) {
             {false, ctl({"--frobnicate", "stop"}), 2, ""},
             {false, {ZEMCTL_BIN, "--help"}, 0, "examples:"},
             {false, {ZEMCTL_BIN}, 2, "no command"},
+            // zemd refuses what it cannot run with, each cause its status.
+            {false,
+             {ZEMD_BIN, "--campaign", dir.file("bad.txtpb"), "--socket", socket},
+             2,
+             dir.file("bad.txtpb") + ":2:17: Expected integer"},
+            {false, {ZEMD_BIN, "--stop-after", "soon"}, 2, "positive number of seconds"},
+            {false, {ZEMD_BIN, "--socket", dir.file("missing/spc")}, 3, "does not exist"},
+            {false,
+             {ZEMD_BIN, "--socket", socket, "--out", dir.file("plainfile/out")},
+             4,
+             "cannot create output folder"},
+            {false,
+             {ZEMDUMP_BIN, dir.file("kpidata.1")},
+             0,
+             "id=10    counter   t=0.0s..1.0s n=10    value=20"},
             // A campaign file that does not parse is refused with its
             // position, and the running campaign stays.
             {true, ctl({"push", dir.file("bad.txtpb")}), 1,

@@ -13,14 +13,6 @@ namespace zem_tools_test {
 using namespace zem_e2e;
 using zem_test::TempDir;
 
-// zemd and the clients run gRPC, whose uninstrumented code the thread
-// sanitizer needs told about.
-inline const bool kChildSuppressions = [] {
-    const char* old = getenv("TSAN_OPTIONS");
-    const std::string value = std::string(old ? old : "") + " suppressions=" GRPC_TSAN_SUPP;
-    return setenv("TSAN_OPTIONS", value.c_str(), 1) == 0;
-}();
-
 struct ToolRun {
     int status;
     std::string out, err;
