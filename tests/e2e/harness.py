@@ -250,13 +250,20 @@ class Rig:
                            timeout=120)
         return list(json_lines(r.stdout))
 
+    def answers(self):
+        """How many answers to commands the daemons have printed."""
+        return sum(l.count('"event":"response"') for d in self.daemons for l in [d.out()])
+
     def stop_and_drain(self, timeout=15):
-        """Stops the campaign from the daemon and waits for the last file to
-        leave the cache folder; the daemon prints a file's windows before it
-        answers, so they are printed by then."""
-        stops = len(self.client_events("stop"))
+        """Stops the campaign from the daemon and waits for the client's
+        answer, which it gives once the stop has written and delivered its
+        last file (the cache folder alone can look empty between two files of
+        a backlog); the daemon prints a file's windows before it answers the
+        delivery, so they are printed by then."""
+        stops, answers = len(self.client_events("stop")), self.answers()
         self.control("stop")
-        if eventually(lambda: len(self.client_events("stop")) > stops, timeout):
+        if eventually(lambda: len(self.client_events("stop")) > stops and self.answers() > answers,
+                      timeout):
             eventually(lambda: not self.cache_files(), timeout)
 
     def quit_client(self, timeout=15, rss_cap_kb=None):
