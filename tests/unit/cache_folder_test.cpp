@@ -6,6 +6,7 @@
 // block, and the campaign goes on.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -16,6 +17,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <string>
@@ -114,11 +116,17 @@ TEST(CacheFolderTest, HostileOrOddFolderStatesEndAsExpected) {
                      execl(e.c_str(), "sleep", "30", static_cast<char*>(nullptr));
                      _exit(127);
                  }
-                 // Busy only once the child runs it: wait for exactly that.
+                 // Busy only once the child runs it: wait for exactly that,
+                 // without opening the file for writing, which would make the
+                 // child's exec fail.
+                 const std::string exe = "/proc/" + std::to_string(child) + "/exe";
+                 char* real = realpath(e.c_str(), nullptr);
+                 const std::string path = real != nullptr ? real : e;
+                 free(real);
                  EXPECT_TRUE(zem_test::waitFor([&] {
-                     const int fd = open(e.c_str(), O_WRONLY | O_CLOEXEC);
-                     if (fd >= 0) close(fd);
-                     return fd < 0 && errno == ETXTBSY;
+                     char buf[PATH_MAX];
+                     const ssize_t n = readlink(exe.c_str(), buf, sizeof buf);
+                     return n > 0 && std::string(buf, static_cast<size_t>(n)) == path;
                  }));
                  return child;
              },
