@@ -59,7 +59,10 @@ def run(args, transport, workdir):
     changes = kills = 0
     try:
         s.start_daemon()
-        c = s.start_client(rate=0, threads=2, retry_ms=1000)
+        # The client gives up after three registration attempts: 2.5 s apart,
+        # they span the few seconds a restarted daemon may take to come up on
+        # a loaded machine, which 1 s apart they did not always.
+        c = s.start_client(rate=0, threads=2, retry_ms=2500)
         if not eventually(lambda: s.running(), 15):
             notes.append("campaign never started")
             ok = False
@@ -80,7 +83,7 @@ def run(args, transport, workdir):
                 s.daemon().kill()
                 kills += 1
                 # The client notices (its campaign stops) before the new
-                # daemon comes up, registers again (1 s apart) and gets the
+                # daemon comes up, registers again (2.5 s apart) and gets the
                 # campaign at registration; only then does the cycle go on,
                 # so that no push of the main campaign meets a running one.
                 if not eventually(lambda: not s.running(), 10):
